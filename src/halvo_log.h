@@ -1,0 +1,43 @@
+// The log: the only room that talks to syslog(3).
+//
+// Every function may be called from any thread and leaves errno as it found it. One plain mutex guards
+// syslog, ctime_r and fork together: a child forked while another thread is inside one of the two others
+// would inherit their locks held and hang before its exec.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <array>
+#include <cstdarg>
+#include <ctime>
+
+// The text of ctime(3): 24 characters, a line feed and the terminator.
+using halvo_ctime_text = std::array<char, 26>;
+
+// Connects to the system log as "halvo", LOG_USER, with the pid in each line. See openlog(3).
+void halvo_log_open();
+
+// Closes the connection. Lines logged afterwards are dropped.
+void halvo_log_close();
+
+// Logs one line at a LOG_ priority of syslog(3). LOG_DEBUG lines are dropped unless halvo_debug_mode_g
+// is ENABLE. The text brings its own line feed.
+void halvo_log(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void halvo_vlog(int priority, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
+
+// The text of an error number, as strerror(3) has it, in static storage.
+const char* halvo_error_text(int error);
+
+// Logs "%s [errno: %d]\n" with errno's text and number, the line that follows a failed system call's.
+void halvo_log_errno(int priority);
+
+// Logs the line at LOG_ALERT, closes the log and ends the daemon with status 1. The watchdog device is
+// left armed: a supervisor that is gone must fail the VM over.
+[[noreturn]] void halvo_fatal_exit(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+// The local time as ctime(3) writes it, line feed included.
+halvo_ctime_text halvo_ctime(time_t when);
+
+// fork(2) with the log's lock held across it and free on both sides. Returns what fork returns.
+pid_t halvo_fork();
