@@ -1,0 +1,55 @@
+// The parameters of the configuration file: two constant tables, a row a parameter, and the storing of a
+// value under its row's rules. The reader of the file uses them at start-up on the main thread and later
+// on the control thread; nothing here keeps state.
+
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "halvo_private.h"
+
+constexpr const char* HALVO_CONFIG_FILE = "/etc/config/halvo.conf";
+
+constexpr int PARAM_NUMBER = 1;  // with a range
+constexpr int PARAM_STRING = 2;  // in double quotes
+constexpr int PARAM_MODE = 3;    // one of the parameter's words
+
+// One parameter of the configuration file.
+struct halvo_config_param_st {
+    char param_name[50];
+    int param_type;
+    uint32_t min_value;          // numbers only
+    uint32_t max_value;          // numbers only
+    uint32_t dfl_value;          // stored when a number is out of its range
+    halvo_bool_en is_mandatory;  // every process section must set it
+    halvo_bool_en dfl_enabled;   // carried along; nothing reads it
+    int offset;                  // of the field in halvo_vm_info_st or halvo_child_proc_info_st
+};
+
+constexpr int VM_PARAM_NUM = 10;
+constexpr int PROC_PARAM_NUM = 14;
+extern const std::array<halvo_config_param_st, VM_PARAM_NUM> vm_conf_param_dfl_g;
+extern const std::array<halvo_config_param_st, PROC_PARAM_NUM> proc_conf_param_dfl_g;
+
+// Returns the row of that name, or -1.
+int halvo_find_param(std::span<const halvo_config_param_st> table, std::string_view param_name);
+
+// Store one value under the rules of row *conf_param_index of their table. A number out of its range and
+// an unknown mode word are replaced by the default with a warning. Return -1 when nothing could be stored.
+int halvo_update_vm_info_table(halvo_vm_info_st* vm_info, const int* conf_param_index, const char* param_name,
+                               const char* param_value, const int* line_num);
+int halvo_update_proc_info_table(halvo_child_proc_info_st* proc_table, const int* proc_table_index,
+                                 const char* param_name, const char* param_value, const int* conf_param_index,
+                                 const int* line_num);
+
+// Write the values that hold where the file says nothing. Return 0.
+int halvo_init_vm_info_table(halvo_vm_info_st* vm_info);
+int halvo_init_proc_info_table(halvo_child_proc_info_st* proc_table, const int* proc_table_index,
+                               const char* proc_name);
+
+// Returns -1, with a message, when an entry in use lacks a mandatory parameter; else 0.
+int halvo_verify_mandatory_param(const halvo_vm_info_st* vm_info, const halvo_child_proc_info_st* proc_table);

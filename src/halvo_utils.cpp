@@ -1,0 +1,215 @@
+#include "halvo_utils.h"
+
+#include <syslog.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "halvo_log.h"
+#include "halvo_params.h"
+
+static constexpr size_t LINE_SIZE = 1024;  // bytes of one read, the terminator included
+static constexpr const char* TOKEN_SEPARATORS = "\t \n\r";
+
+const char* file_basename(const char* path)
+{
+    const char* separator = path == nullptr ? nullptr : strrchr(path, SEPARATOR_CHAR);
+    return separator == nullptr ? path : separator + 1;
+}
+
+void halvo_copy_text(char* field, size_t size, const char* text)
+{
+    const size_t length = strnlen(text, size - 1);
+    memcpy(field, text, length);
+    field[length] = '\0';
+}
+
+bool halvo_has_command(const char* command)
+{
+    return strcmp(command, INVALID_CMD) != 0;
+}
+
+// A line with the keyword "global". An unknown parameter is reported and ignored.
+static void verify_vm_param(const char* param_name, const char* param_value, halvo_vm_info_st* vm_info,
+                            const int* line_num)
+{
+    const int index = halvo_find_param(vm_conf_param_dfl_g, param_name);
+    if (index == -1) {
+        halvo_log(LOG_ERR, "%s[line:%d]: Invalid VM param name found: %s \n", HALVO_CONFIG_FILE, *line_num,
+                  param_name);
+        return;
+    }
+    halvo_log(LOG_DEBUG, "VM param name matching: %s \n", param_name);
+    if (halvo_update_vm_info_table(vm_info, &index, param_name, param_value, line_num) != 0) {
+        halvo_log(LOG_ERR, "Updating VM related data to VM info table is failed\n");
+    }
+}
+
+// A line with the keyword "process", which opens a section. While proc_name stays empty after a failure,
+// the lines of the refused section fail as unknown keywords.
+static int open_proc_section(const char* param_name, const char* param_value, char* proc_name,
+                             halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table, int line_num)
+{
+    proc_name[0] = '\0';
+    if (strcmp(param_name, "name") != 0) {
+        halvo_log(LOG_ERR, "%s[line:%d]: Invalid process name entry found: %s \n", HALVO_CONFIG_FILE,
+                  line_num, param_name);
+        return -1;
+    }
+    if (strlen(param_value) >= PROC_NAME_SIZE) {
+        halvo_log(LOG_ERR, "%s[line:%d]: Process name is longer than %d characters: %s \n", HALVO_CONFIG_FILE,
+                  line_num, PROC_NAME_SIZE - 1, param_value);
+        return -1;
+    }
+    halvo_log(LOG_DEBUG, "New process entry found: %s \n", param_value);
+    if (vm_info->mon_proc_num >= MAX_PROC_NUM) {
+        halvo_log(LOG_ERR, "No: of process entry in config file is more than max process limit [%d]\n",
+                  MAX_PROC_NUM);
+        return -1;
+    }
+    halvo_copy_text(proc_name, PROC_NAME_SIZE, param_value);
+    const int index = vm_info->mon_proc_num++;
+    if (halvo_init_proc_info_table(proc_table, &index, proc_name) != 0) {
+        halvo_log(LOG_ERR, "Error in initializing process structure members\n");
+    }
+    return 0;
+}
+
+// A line with the current section's name as its keyword.
+static int verify_proc_param(const char* param_name, const char* param_value, const halvo_vm_info_st* vm_info,
+                             halvo_child_proc_info_st* proc_table, const int* line_num)
+{
+    const int index = halvo_find_param(proc_conf_param_dfl_g, param_name);
+    if (index == -1) {
+        halvo_log(LOG_ERR, "%s[line:%d]: Invalid process param name found: %s \n", HALVO_CONFIG_FILE,
+                  *line_num, param_name);
+        return -1;
+    }
+    halvo_log(LOG_DEBUG, "process param name matching: %s \n", param_name);
+    const int entry = vm_info->mon_proc_num - 1;
+    if (halvo_update_proc_info_table(proc_table, &entry, param_name, param_value, &index, line_num) != 0) {
+        halvo_log(LOG_ERR, "Updating process related data to process table is failed\n");
+        return -1;
+    }
+    return 0;
+}
+
+int halvo_verify_conf_param(const char* keyword, const char* param_name, const char* param_value,
+                            char* proc_name, halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
+                            const int* line_num)
+{
+    if (strcmp(keyword, "global") == 0) {
+        verify_vm_param(param_name, param_value, vm_info, line_num);
+        return 0;
+    }
+    if (strcmp(keyword, "process") == 0) {
+        return open_proc_section(param_name, param_value, proc_name, vm_info, proc_table, *line_num);
+    }
+    if (strcmp(keyword, proc_name) != 0) {
+        halvo_log(LOG_ERR, "%s[line:%d]: Invalid keyword found: %s \n", HALVO_CONFIG_FILE, *line_num,
+                  keyword);
+        return -1;
+    }
+    return verify_proc_param(param_name, param_value, vm_info, proc_table, line_num);
+}
+
+// The first three tokens of a line; null where the line has none. They point into the line's buffers.
+struct conf_line_st {
+    char* keyword;
+    char* param_name;
+    char* param_value;
+};
+
+// Cuts the line into its tokens and takes a string parameter's value from between its quotes. Returns -1,
+// with a message, for a syntax error; a line without a keyword is none.
+static int tokenise_line(char* line, char* line_copy, int line_num, conf_line_st* tokens)
+{
+    char* rest = nullptr;
+    bool unquoted = false;
+    *tokens = {
+        .keyword = strtok_r(line, TOKEN_SEPARATORS, &rest), .param_name = nullptr, .param_value = nullptr};
+    if (tokens->keyword == nullptr || tokens->keyword[0] == '#') {
+        tokens->keyword = nullptr;
+        return 0;
+    }
+    tokens->param_name = strtok_r(nullptr, TOKEN_SEPARATORS, &rest);
+    tokens->param_value = strtok_r(nullptr, TOKEN_SEPARATORS, &rest);
+    const int row =
+        tokens->param_value == nullptr ? -1 : halvo_find_param(proc_conf_param_dfl_g, tokens->param_name);
+    if (row != -1 && proc_conf_param_dfl_g.at(static_cast<size_t>(row)).param_type == PARAM_STRING) {
+        unquoted = tokens->param_value[0] != '"';
+        if (unquoted) {
+            halvo_log(LOG_ERR, "%s[line:%d]: The string arguments of [%s] should be within double quotes\n",
+                      HALVO_CONFIG_FILE, line_num, tokens->param_name);
+        } else {
+            strtok_r(line_copy, "\"", &rest);
+            tokens->param_value = strtok_r(nullptr, "\"", &rest);
+        }
+    }
+    if (tokens->param_value == nullptr) {
+        halvo_log(LOG_ERR, "%s[line:%d]: missing field\n", HALVO_CONFIG_FILE, line_num);
+        return -1;
+    }
+    return unquoted ? -1 : 0;
+}
+
+// Reads line by line to the end of the file. Returns -1 when any line failed.
+static int read_lines(FILE* file, halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table)
+{
+    std::array<char, CMD_SIZE> line;
+    std::array<char, CMD_SIZE> line_copy;
+    std::array<char, PROC_NAME_SIZE> proc_name{};
+    conf_line_st tokens;
+    int line_num = 0;
+    bool missing_field = false;
+    bool err_in_conffile = false;
+
+    while (fgets(line.data(), LINE_SIZE, file) != nullptr) {
+        ++line_num;
+        line_copy = line;
+        if (tokenise_line(line.data(), line_copy.data(), line_num, &tokens) != 0) {
+            missing_field = true;
+        }
+        // After the first syntax error nothing is stored any more; the rest is only looked at for others.
+        if (tokens.keyword == nullptr || missing_field) {
+            continue;
+        }
+        if (halvo_verify_conf_param(tokens.keyword, tokens.param_name, tokens.param_value, proc_name.data(),
+                                    vm_info, proc_table, &line_num) != 0) {
+            halvo_log(LOG_ERR, "Error in verifying the field strings and values in config file\n");
+            err_in_conffile = true;
+        }
+    }
+    if (ferror(file) != 0) {
+        // What is missing from the middle of a file must not pass for a shorter configuration.
+        halvo_log(LOG_ALERT, "Config file: %s cannot be read\n", HALVO_CONFIG_FILE);
+        err_in_conffile = true;
+    }
+    halvo_log(LOG_DEBUG, "Config file total lines read: %d\n", line_num);
+    return missing_field || err_in_conffile ? -1 : 0;
+}
+
+int halvo_read_confile(halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table)
+{
+    if (halvo_init_vm_info_table(vm_info) != 0) {
+        halvo_log(LOG_ERR, "Error in initializing VM structure members\n");
+        return -1;
+    }
+    {
+        const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(HALVO_CONFIG_FILE, "re"), fclose);
+        if (file == nullptr) {
+            halvo_log(LOG_ALERT, "Config file: %s not found\n", HALVO_CONFIG_FILE);
+            return -1;
+        }
+        if (read_lines(file.get(), vm_info, proc_table) != 0) {
+            return -1;
+        }
+    }
+    if (halvo_verify_mandatory_param(vm_info, proc_table) != 0) {
+        halvo_log(LOG_ERR, "Error in verifying the mandatory param\n");
+        return -1;
+    }
+    return 0;
+}

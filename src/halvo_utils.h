@@ -1,0 +1,32 @@
+// The configuration reader, and the text routines that several rooms need.
+//
+// The reader goes on after a faulty line, logs each fault with its line number and fails at the end, so
+// that an operator sees every fault of a file at once. It fills the records it is given and nothing else,
+// and it does not look at the commands themselves. It is never run twice at once: by the main thread at
+// start-up, later by the control thread alone.
+
+#pragma once
+
+#include <cstddef>
+
+#include "halvo_private.h"
+
+// Reads the configuration file into a VM record whose mon_proc_num is 0 and a process table of
+// MAX_PROC_NUM zeroed entries. Returns 0 when every line was accepted and every process has its mandatory
+// parameters, else -1; the records are then not to be used.
+int halvo_read_confile(halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table);
+
+// Checks one complete line and stores its value. proc_name, PROC_NAME_SIZE bytes, is the section that the
+// line stands in and is changed by a line that opens one. Returns -1 for an error of the line.
+int halvo_verify_conf_param(const char* keyword, const char* param_name, const char* param_value,
+                            char* proc_name, halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
+                            const int* line_num);
+
+// Points behind the last SEPARATOR_CHAR of the path; a null or empty path is returned as it is.
+const char* file_basename(const char* path);
+
+// Copies a text into a field of the given size in bytes, cut where it does not fit, always terminated.
+void halvo_copy_text(char* field, size_t size, const char* text);
+
+// True unless the command field holds the marker for no command.
+bool halvo_has_command(const char* command);
