@@ -1,0 +1,372 @@
+#include "halvo_process.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "halvo_command.h"
+#include "halvo_log.h"
+#include "halvo_recur_fail.h"
+#include "halvo_utils.h"
+
+static constexpr int MAX_FIND_ATTEMPTS = 3;  // a second apart
+
+static void count_spawn(halvo_child_proc_info_st* proc_info)
+{
+    const time_t now = time(nullptr);
+    if (now == static_cast<time_t>(-1)) {
+        halvo_log(LOG_ERR, "Not able to get system time\n");
+        halvo_log_errno(LOG_ERR);
+    } else {
+        proc_info->last_spawn_time = now;
+    }
+    ++proc_info->spawn_count;
+    if (halvo_counts_recur_fail(proc_info) && proc_info->recur_fail_list != nullptr) {
+        halvo_insert_recur_fail_info(proc_info->recur_fail_list, proc_info->proc_name,
+                                     proc_info->recur_fail_intvl, proc_info->last_spawn_time,
+                                     proc_info->recur_fail_restart_cnt);
+    }
+}
+
+// One by one takes minutes where the limit is large: only where the kernel knows no close_range(2).
+static void close_descriptors()
+{
+    if (close_range(0, std::numeric_limits<unsigned>::max(), 0) != 0) {
+        for (int fd = getdtablesize(); fd >= 0; --fd) {
+            close(fd);
+        }
+    }
+}
+
+int halvo_spawn_process(halvo_child_proc_info_st* proc_info)
+{
+    halvo_command_st split;
+    sigset_t kept_mask;
+    const std::lock_guard guard(halvo_table_lock_g);
+
+    proc_info->pid = -1;
+    halvo_log(LOG_DEBUG, "Going to spawn process: %s\n", proc_info->start_cmd);
+    halvo_split_command(proc_info->start_cmd, &split);
+    const pid_t pid = halvo_fork_command(proc_info->start_cmd, &kept_mask);
+    if (pid == -1) {
+        return -1;
+    }
+    if (pid == 0) {
+        close_descriptors();
+        halvo_exec_command(&split, proc_info->start_cmd);
+    }
+    proc_info->pid = pid;
+    proc_info->proc_state = INIT;
+    pthread_sigmask(SIG_SETMASK, &kept_mask, nullptr);
+    halvo_log(LOG_INFO, "Process '%s' started; start cmd [%s]\n", proc_info->proc_name, proc_info->start_cmd);
+    count_spawn(proc_info);
+    return 0;
+}
+
+// A live update may change a command at any time: scripts are run from a copy.
+static std::array<char, CMD_SIZE> copy_command(const char* command)
+{
+    std::array<char, CMD_SIZE> copy;
+    const std::lock_guard guard(halvo_table_lock_g);
+    halvo_copy_text(copy.data(), copy.size(), command);
+    return copy;
+}
+
+int halvo_start_process(halvo_child_proc_info_st* proc_info)
+{
+    const auto pre_start_cmd = copy_command(proc_info->pre_start_cmd);
+    if (halvo_has_command(pre_start_cmd.data()) && halvo_execute_script(pre_start_cmd.data()) != 0) {
+        halvo_log(LOG_ALERT, "Unable to execute pre-start script [%s] of  process '%s'\n",
+                  pre_start_cmd.data(), proc_info->proc_name);
+        return -1;
+    }
+    if (halvo_spawn_process(proc_info) != 0) {
+        halvo_log(LOG_ALERT, "Unable to spawn  process '%s'; start_cmd[%s]\n", proc_info->proc_name,
+                  copy_command(proc_info->start_cmd).data());
+        return -1;
+    }
+    const auto post_start_cmd = copy_command(proc_info->post_start_cmd);
+    if (halvo_has_command(post_start_cmd.data()) && halvo_execute_script(post_start_cmd.data()) != 0) {
+        halvo_log(LOG_ALERT, "Unable to execute post-start script [%s] of  process '%s'\n",
+                  post_start_cmd.data(), proc_info->proc_name);
+        return -1;
+    }
+    return 0;
+}
+
+static halvo_child_proc_info_st* find_by_pid(pid_t pid)
+{
+    for (int i = 0; i < vm_info_g.mon_proc_num; ++i) {
+        if (child_proc_table_g[i].pid == pid) {
+            return &child_proc_table_g[i];
+        }
+    }
+    return nullptr;
+}
+
+static void log_spawn_count(halvo_child_proc_info_st* proc_info)
+{
+    const std::lock_guard guard(halvo_table_lock_g);
+    halvo_log(LOG_CRIT, "No: of times spawned by process manager [%d]\n", proc_info->spawn_count);
+}
+
+static void log_critical_loss(const char* proc_name, int failover)
+{
+    if (failover == ENABLE) {
+        halvo_log(LOG_ALERT, "Critical  process '%s' is terminated; VM failover is triggered\n", proc_name);
+    } else if (failover == DISABLE) {
+        halvo_log(LOG_ALERT, "Critical  process '%s' is terminated\n", proc_name);
+        halvo_log(LOG_ALERT, FAILOVER_DISABLED_LINE);
+    }
+}
+
+// Reaps one exited child. Returns its entry, marked TERMINATED, with the action to take, when it was a
+// NORMAL process; else null.
+static halvo_child_proc_info_st* reap_normal_process(int* action)
+{
+    int status = 0;
+    const std::lock_guard guard(halvo_table_lock_g);
+    const pid_t pid = waitpid(-1, &status, WNOHANG);
+    halvo_child_proc_info_st* proc_info = pid > 0 ? find_by_pid(pid) : nullptr;
+    if (proc_info == nullptr || proc_info->proc_type != NORMAL) {
+        return nullptr;
+    }
+    halvo_store(vm_info_g.stop_heartbeat, 1);
+    halvo_log(LOG_ALERT, "Process '%s' terminated; pid [%d]; exit code [%d]\n", proc_info->proc_name, pid,
+              WEXITSTATUS(status));
+    halvo_log(LOG_ALERT, "heartbeat flag %d\n", halvo_load(vm_info_g.stop_heartbeat));
+    proc_info->proc_state = TERMINATED;
+    proc_info->pid = 0;
+    *action = proc_info->action;
+    return proc_info;
+}
+
+static void recover_from_exit(halvo_child_proc_info_st* proc_info, int action)
+{
+    const int failover = halvo_load(vm_info_g.vm_failover_flag);
+    switch (action) {
+        case PROC_RESTART:
+            if (halvo_start_process(proc_info) != 0) {
+                halvo_fatal_exit("Unable to start [%s]. Process manager is exiting\n",
+                                 copy_command(proc_info->start_cmd).data());
+            }
+            log_spawn_count(proc_info);
+            break;
+        case VM_FAILOVER:
+            log_critical_loss(proc_info->proc_name, failover);
+            if (failover == ENABLE) {
+                halvo_store(vm_info_g.wd_tick_flag, 0);
+            }
+            break;
+        case NOP:
+            halvo_log(LOG_INFO, " No recovery action is executed for  process '%s'\n", proc_info->proc_name);
+            break;
+        default:
+            halvo_log(LOG_ERR, "Invalid recovery action for process: %s \n", proc_info->proc_name);
+    }
+}
+
+void halvo_sigchld_cb()
+{
+    int action = 0;
+    while (halvo_child_proc_info_st* proc_info = reap_normal_process(&action)) {
+        recover_from_exit(proc_info, action);
+    }
+}
+
+int halvo_check_status_name(int status_fd, const char* path, const char* name)
+{
+    std::array<char, 100> line;
+    const ssize_t length = read(status_fd, line.data(), line.size() - 1);
+    close(status_fd);
+    if (length <= 0) {
+        halvo_log(LOG_ERR, "No valid status found in file: %s\n", path);
+        return -1;
+    }
+    line.at(static_cast<size_t>(length)) = '\0';
+    line.at(strcspn(line.data(), "\n")) = '\0';
+    if (strstr(line.data(), name) == nullptr) {
+        halvo_log(LOG_ERR, "Process name [%s] not found in file: %s\n", name, path);
+        return -1;
+    }
+    return 0;
+}
+
+// The command goes through a shell: a name that is not plain text to it is quoted.
+static std::string pidof_command(std::string_view proc_name)
+{
+    static constexpr std::string_view plain =
+        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.+:@%,/=-";
+    if (proc_name.find_first_not_of(plain) == std::string_view::npos) {
+        return "pidof " + std::string(proc_name);
+    }
+    std::string command = "pidof '";
+    for (const char letter : proc_name) {
+        command += letter == '\'' ? std::string("'\\''") : std::string(1, letter);
+    }
+    return command + "'";
+}
+
+// Takes the pid from the first line that pidof prints. Returns 1 when there was a line, 0 when there was
+// none, -1 when pidof could not be run.
+static int ask_pidof(const char* proc_name, int* pid)
+{
+    std::array<char, 100> line;
+    const std::string command = pidof_command(proc_name);
+    fflush(nullptr);
+    FILE* stream = popen(command.c_str(), "re");
+    if (stream == nullptr) {
+        halvo_log(LOG_ERR, " Failed to open popen: %s\n", command.c_str());
+        return -1;
+    }
+    const bool answered = fgets(line.data(), line.size(), stream) != nullptr;
+    pclose(stream);  // its result means nothing: the signal thread may have reaped the shell first
+    if (answered) {
+        const long number = strtol(line.data(), nullptr, 10);
+        *pid = std::in_range<int>(number) ? static_cast<int>(number) : -1;
+    }
+    return answered ? 1 : 0;
+}
+
+using status_path = std::array<char, 50>;
+
+static int open_status_file(int pid, status_path* path)
+{
+    snprintf(path->data(), path->size(), "/proc/%d/status", pid);
+    return open(path->data(), O_RDONLY | O_CLOEXEC);
+}
+
+// Both return the pid when /proc knows it under the name, else -1. That a found pid has no status file is
+// an error; that a held one has none any more is how a process ends.
+static int confirm_found_pid(const char* proc_name, int pid)
+{
+    status_path path;
+    const int status_fd = open_status_file(pid, &path);
+    if (status_fd == -1) {
+        halvo_log(LOG_ERR, "Not able to open file: %s\n", path.data());
+        return -1;
+    }
+    return halvo_check_status_name(status_fd, path.data(), proc_name) == 0 ? pid : -1;
+}
+
+static int confirm_held_pid(const char* proc_name, int pid)
+{
+    status_path path;
+    const int status_fd = open_status_file(pid, &path);
+    if (status_fd == -1) {
+        halvo_log(LOG_DEBUG, "Not able to open status file: %s;  process '%s' is terminated\n", path.data(),
+                  proc_name);
+        return -1;
+    }
+    return halvo_check_status_name(status_fd, path.data(), proc_name) == 0 ? pid : -1;
+}
+
+static pid_t held_pid(const halvo_child_proc_info_st* proc_info)
+{
+    const std::lock_guard guard(halvo_table_lock_g);
+    return proc_info->pid;
+}
+
+int halvo_check_process_pid_status(halvo_child_proc_info_st* proc_info)
+{
+    int pid = -1;
+    switch (ask_pidof(proc_info->proc_name, &pid)) {
+        case 1:
+            if (pid > 0) {
+                return confirm_found_pid(proc_info->proc_name, pid);
+            }
+            halvo_log(LOG_DEBUG, "pid [%d] returned for  process '%s' is not valid\n", pid,
+                      proc_info->proc_name);
+            return -1;
+        case 0:
+            return confirm_held_pid(proc_info->proc_name, held_pid(proc_info));
+        default:
+            return -1;
+    }
+}
+
+// Records that the process runs under this pid.
+static void mark_found(halvo_child_proc_info_st* proc_info, int pid)
+{
+    const std::lock_guard guard(halvo_table_lock_g);
+    proc_info->pid = pid;
+    proc_info->proc_state = ACTIVE;
+    proc_info->notify_crash = FALSE;
+}
+
+// Records the loss and returns the action to take. A process that was never found stays UNKNOWN.
+static int mark_lost(halvo_child_proc_info_st* proc_info, bool* reported)
+{
+    const std::lock_guard guard(halvo_table_lock_g);
+    *reported = proc_info->notify_crash == TRUE;
+    if (!*reported && proc_info->proc_state == UNKNOWN) {
+        halvo_log(LOG_ALERT, "Process '%s' is not started\n", proc_info->proc_name);
+    } else if (!*reported) {
+        halvo_log(LOG_ALERT, "Process '%s' is terminated\n", proc_info->proc_name);
+    }
+    if (proc_info->proc_state != UNKNOWN) {
+        proc_info->proc_state = TERMINATED;
+        proc_info->pid = 0;
+    }
+    halvo_store(vm_info_g.stop_heartbeat, 1);
+    if (proc_info->action == VM_FAILOVER || proc_info->action == NOP) {
+        proc_info->notify_crash = TRUE;
+    }
+    return proc_info->action;
+}
+
+static int recover_from_loss(halvo_child_proc_info_st* proc_info)
+{
+    bool reported = false;
+    const int action = mark_lost(proc_info, &reported);
+    const int failover = halvo_load(vm_info_g.vm_failover_flag);
+    switch (action) {
+        case PROC_RESTART:
+            if (halvo_start_process(proc_info) != 0) {
+                halvo_log(LOG_ALERT, "Unable to start [%s]\n", copy_command(proc_info->start_cmd).data());
+                return -1;
+            }
+            log_spawn_count(proc_info);
+            return 0;
+        case VM_FAILOVER:
+            if (!reported) {
+                log_critical_loss(proc_info->proc_name, failover);
+            }
+            if (failover == ENABLE) {
+                halvo_store(vm_info_g.wd_tick_flag, 0);
+            }
+            return 0;
+        case NOP:
+            if (!reported) {
+                halvo_log(LOG_INFO, " No recovery action is executed for  process '%s'\n",
+                          proc_info->proc_name);
+            }
+            return 0;
+        default:
+            halvo_log(LOG_ERR, "Invalid recovery action for process: %s \n", proc_info->proc_name);
+            return 0;
+    }
+}
+
+int halvo_monitor_process_crash(halvo_child_proc_info_st* proc_info)
+{
+    for (int attempt = 0; attempt < MAX_FIND_ATTEMPTS; ++attempt) {
+        const int pid = halvo_check_process_pid_status(proc_info);
+        if (pid > 0) {
+            mark_found(proc_info, pid);
+            return 0;
+        }
+        sleep(1);
+    }
+    return recover_from_loss(proc_info);
+}
