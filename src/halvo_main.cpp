@@ -15,12 +15,15 @@
 #include "halvo_client.h"
 #include "halvo_command.h"
 #include "halvo_ctrl_handler.h"
+#include "halvo_heartbeat.h"
 #include "halvo_log.h"
 #include "halvo_process.h"
 #include "halvo_recur_fail.h"
 #include "halvo_report.h"
+#include "halvo_res_monitor.h"
 #include "halvo_utils.h"
 #include "halvo_watchdog.h"
+#include "halvo_watermark.h"
 
 static constexpr time_t INIT_TIME = 10;  // seconds a process must have run to count as started
 
@@ -29,9 +32,10 @@ static const std::array<halvo_sig_tbl_st, 2> signal_tbl_g = {{
     {SIGUSR1, halvo_sigusr1_cb},
 }};
 
-static std::array<halvo_service_st, 2> halvo_services_g = {{
+static std::array<halvo_service_st, 3> halvo_services_g = {{
     {"halvo_ctrl_handler", halvo_ctrl_handler_thread, {}},
     {"halvo_watchdog", halvo_watchdog_thread, {}},
+    {"halvo_heartbeat_cp", halvo_heartbeat_thread, {}},
 }};
 
 void halvo_sigusr1_cb()
@@ -233,10 +237,46 @@ static void watch_processes()
     }
 }
 
+static bool is_active(const halvo_child_proc_info_st* proc_info)
+{
+    const std::lock_guard guard(halvo_table_lock_g);
+    return proc_info->proc_state == ACTIVE;
+}
+
+// *tot_cpu_usage keeps its last value when the VM's sample fails.
+static void sample_usage(uint64_t* tot_cpu_usage)
+{
+    if (halvo_system_memory_usage(&vm_info_g) != 0) {
+        halvo_log(LOG_ALERT, "Unable to calculate system memory usage\n");
+    }
+    if (halvo_system_cpu_usage(tot_cpu_usage, &vm_info_g) != 0) {
+        halvo_log(LOG_ALERT, "Unable to calculate cpu usage for system\n");
+    }
+    for (int i = 0; i < vm_info_g.mon_proc_num; ++i) {
+        halvo_child_proc_info_st* proc_info = &child_proc_table_g[i];
+        if (!is_active(proc_info)) {
+            continue;
+        }
+        if (halvo_process_cpu_usage(*tot_cpu_usage, proc_info, i) != 0) {
+            halvo_log(LOG_ALERT, "Unable to calculate cpu utilization of  process '%s'\n",
+                      proc_info->proc_name);
+        }
+        if (halvo_process_memory_usage(proc_info) != 0) {
+            halvo_log(LOG_ALERT, "Unable to calculate process memory usage of  process '%s'\n",
+                      proc_info->proc_name);
+        }
+    }
+}
+
 [[noreturn]] static void monitor_for_ever(unsigned period)
 {
+    uint64_t tot_cpu_usage = 0;  // clock ticks of the last interval
     while (true) {
         watch_processes();
+        sample_usage(&tot_cpu_usage);
+        if (halvo_check_high_low_watermark() != 0) {
+            halvo_log(LOG_ALERT, "Error in checking high/low watermark\n");
+        }
         sleep(period);
     }
 }

@@ -1,0 +1,56 @@
+// The samplers: memory and CPU use of the VM and of one process, from the kernel's text files, see proc(5).
+//
+// The CPU samplers keep the previous counters and report differences over one monitoring interval. A file
+// costs one open, one read and one close; nothing is allocated. A sample that fails changes nothing. The
+// pid is read and the figures are stored under the table lock, the files are read outside it. All of it
+// belongs to the main thread.
+
+#pragma once
+
+#include <cstdint>
+
+#include "halvo_private.h"
+
+// The counters of the "cpu" line of /proc/stat, in its order; clock ticks over all CPUs.
+struct sys_cpu_usage_info_st {
+    uint64_t user_time;
+    uint64_t nice_time;
+    uint64_t kernel_time;
+    uint64_t idle_time;
+    uint64_t io_time;
+    uint64_t x_time;  // irq
+    uint64_t y_time;  // softirq
+    uint64_t z_time;  // steal
+};
+
+// The counters of one process; clock ticks.
+struct proc_cpu_usage_info_st {
+    char proc_name[PROC_NAME_SIZE];  // not used
+    int prio;
+    uint64_t utime;
+    uint64_t stime;
+    uint64_t start_time;
+};
+
+// Fills total_memory, free_memory and used_memory (kB); zeros when the file is empty. Returns 0, or -1 with
+// a message when it cannot be opened.
+int halvo_system_memory_usage(halvo_vm_info_st* vm_info);
+
+// Fills kbytes_used and max_kbytes_used (kB) of an entry; zeros when the file is empty. Returns 0, or -1
+// with a message when it cannot be opened.
+int halvo_process_memory_usage(halvo_child_proc_info_st* proc_info);
+
+// Fills the VM's CPU percentages and *tot_cpu_usage_in_mon_intvl, the clock ticks of all CPUs since the
+// last sample: 0 for the first one, which computes no percentage. Returns 0 or -1.
+int halvo_system_cpu_usage(uint64_t* tot_cpu_usage_in_mon_intvl, halvo_vm_info_st* vm_info);
+
+// Fills an entry's CPU percentages, measured against that total. index, 0 to MAX_PROC_NUM - 1, selects the
+// snapshot to compare with. Returns 0 or -1.
+int halvo_process_cpu_usage(uint64_t tot_cpu_usage_in_mon_intvl, halvo_child_proc_info_st* proc_info,
+                            int index);
+
+// Token routines. White space is what isspace(3) says; null in gives null out.
+void skip_ws(const char** p);                 // moves *p over white space
+const char* skip_white(const char* ptr);      // first other character; null at the end or at a "#"
+const char* skip_not_white(const char* ptr);  // white space behind the token; null at the end
+const char* skiptoken(const char* ptr);       // start of the next token; null when there is none
