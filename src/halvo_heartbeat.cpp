@@ -340,24 +340,35 @@ static int add_to_set(int fd, fd_set* set)
     return fd;
 }
 
+static bool is_ready(int fd, const fd_set* set)
+{
+    return fd != -1 && FD_ISSET(fd, set);
+}
+
+// Waits for the next event and serves it; without a descriptor to wait for, for ever.
+static void serve_next_event(halvo_vm_info_st* vm_info, const file_watch_st& file_watch)
+{
+    fd_set set;
+    FD_ZERO(&set);
+    const int timer_fd = add_to_set(vm_info->keepalive_interval_fd, &set);
+    const int notify_fd = is_watched(file_watch) ? add_to_set(file_watch.notify_fd, &set) : -1;
+    if (select(std::max(timer_fd, notify_fd) + 1, &set, nullptr, nullptr, nullptr) == -1) {
+        return;
+    }
+    if (is_ready(timer_fd, &set)) {
+        serve_timer(vm_info);
+    }
+    if (is_ready(notify_fd, &set)) {
+        serve_file_watch(vm_info, file_watch);
+    }
+}
+
 void* halvo_heartbeat_thread(void* thread_arg)
 {
     auto* vm_info = static_cast<halvo_vm_info_st*>(thread_arg);
     file_watch_st file_watch{};
     start_heartbeat(vm_info, &file_watch);
     while (true) {
-        fd_set set;
-        FD_ZERO(&set);
-        const int timer_fd = add_to_set(vm_info->keepalive_interval_fd, &set);
-        const int notify_fd = is_watched(file_watch) ? add_to_set(file_watch.notify_fd, &set) : -1;
-        if (select(std::max(timer_fd, notify_fd) + 1, &set, nullptr, nullptr, nullptr) == -1) {
-            continue;
-        }
-        if (timer_fd != -1 && FD_ISSET(timer_fd, &set)) {
-            serve_timer(vm_info);
-        }
-        if (notify_fd != -1 && FD_ISSET(notify_fd, &set)) {
-            serve_file_watch(vm_info, file_watch);
-        }
+        serve_next_event(vm_info, file_watch);
     }
 }

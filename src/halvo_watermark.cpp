@@ -1,13 +1,16 @@
 #include "halvo_watermark.h"
 
 #include <fcntl.h>
-#include <sys/pidfd.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdio>
+
+extern "C" {  // glibc 2.36 declares these without C linkage
+#include <sys/pidfd.h>
+}
 
 #include "halvo_log.h"
 #include "halvo_process.h"
@@ -23,13 +26,10 @@ static int kill_by_name(pid_t pid, const char* proc_name)
         return -1;
     }
     const int status_fd = open(path.data(), O_RDONLY | O_CLOEXEC);
-    int result = -1;
+    const bool bears_name =
+        status_fd != -1 && halvo_check_status_name(status_fd, path.data(), proc_name) == 0;
     errno = ESRCH;
-    if (status_fd != -1 && halvo_check_status_name(status_fd, path.data(), proc_name) == 0) {
-        result = pidfd_send_signal(pid_fd, SIGKILL, nullptr, 0);
-    } else {
-        errno = ESRCH;
-    }
+    const int result = bears_name ? pidfd_send_signal(pid_fd, SIGKILL, nullptr, 0) : -1;
     const int kill_errno = errno;
     close(pid_fd);
     errno = kill_errno;
