@@ -122,6 +122,8 @@ void halvo_handle_options(int argc, char** argv)
         puts("Unable to allocate memory for control handler structure");
         exit(1);
     }
+    // A reader of our output that went away must not end us; the client starts no process to inherit this.
+    signal(SIGPIPE, SIG_IGN);
     const char* first_argument = argv[1];
     ctrl_handler_data_p->msg_type = parse_options(argc, argv);
     if (ctrl_handler_data_p->msg_type == INVALID_MSG) {

@@ -163,16 +163,18 @@ static void pause_after_failure(unsigned* pause_seconds)
     *pause_seconds = std::min(*pause_seconds * 2, MAX_PAUSE);
 }
 
-// Returns the listening socket, or -1 with messages. Its file is the owner's alone from the start: the mode
-// is the socket's own before it has a name, since a umask would be inherited by every process we start.
-static int open_server_socket()
+static void remove_old_socket()
 {
     struct stat status {};
     if (stat(HALVO_SOCKET, &status) == 0 && unlink(HALVO_SOCKET) != 0) {
         halvo_log(LOG_ERR, "Unable to unlink halvo_socket\n");
     }
-    halvo_log(LOG_DEBUG, "halvo_ctrl_handler_thread: Thread started\n");
+}
 
+// Returns the listening socket, or -1 with messages. Its file is the owner's alone from the start: the mode
+// is the socket's own before it has a name, since a umask would be inherited by every process we start.
+static int open_server_socket()
+{
     const sockaddr_un server_address = halvo_socket_address();
     const int server_sockfd = socket(AF_UNIX, SOCK_STREAM, 0);
     fchmod(server_sockfd, S_IRUSR | S_IWUSR);
@@ -222,9 +224,12 @@ static void serve_for_ever(int server_sockfd)
 void* halvo_ctrl_handler_thread(void*)
 {
     unsigned pause_seconds = 1;
+    remove_old_socket();
+    halvo_log(LOG_DEBUG, "halvo_ctrl_handler_thread: Thread started\n");
     int server_sockfd = open_server_socket();
     while (server_sockfd == -1) {
         pause_after_failure(&pause_seconds);
+        remove_old_socket();
         server_sockfd = open_server_socket();
     }
     serve_for_ever(server_sockfd);

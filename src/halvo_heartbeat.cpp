@@ -240,15 +240,7 @@ int halvo_init_lunet_pid(halvo_vm_info_st* vm_info)
 
 int halvo_check_lunet_pid_status(halvo_vm_info_st* vm_info)
 {
-    std::array<char, 50> path;
-    snprintf(path.data(), path.size(), "/proc/%d/status", vm_info->lunet_pid);
-    const int status_fd = open(path.data(), O_RDONLY | O_CLOEXEC);
-    if (status_fd == -1) {
-        halvo_log(LOG_DEBUG, "Not able to open status file: %s;  process '%s' is terminated\n", path.data(),
-                  DATA_PLANE_NAME);
-        return -1;
-    }
-    return halvo_check_status_name(status_fd, path.data(), DATA_PLANE_NAME);
+    return halvo_confirm_held_pid(DATA_PLANE_NAME, vm_info->lunet_pid) == -1 ? -1 : 0;
 }
 
 static file_watch_st watch_address_file()

@@ -49,8 +49,7 @@ void halvo_log(int priority, const char* format, ...)
 
 const char* halvo_error_text(int error)
 {
-    const char* text = strerrordesc_np(error);
-    return text == nullptr ? "Unknown error" : text;
+    return strerror(error);  // glibc keeps an unnamed number's text per thread
 }
 
 void halvo_log_errno(int priority)

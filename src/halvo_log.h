@@ -26,7 +26,7 @@ void halvo_log_close();
 void halvo_log(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void halvo_vlog(int priority, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
 
-// The text of an error number, as strerror(3) has it, in static storage.
+// The text of an error number, see strerror(3). Good until the calling thread asks again.
 const char* halvo_error_text(int error);
 
 // Logs "%s [errno: %d]\n" with errno's text and number, the line that follows a failed system call's.

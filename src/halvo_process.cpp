@@ -18,6 +18,7 @@
 #include "halvo_log.h"
 #include "halvo_recur_fail.h"
 #include "halvo_utils.h"
+#include "halvo_watchdog.h"
 
 static constexpr int MAX_FIND_ATTEMPTS = 3;  // a second apart
 
@@ -104,14 +105,37 @@ int halvo_start_process(halvo_child_proc_info_st* proc_info)
     return 0;
 }
 
-static halvo_child_proc_info_st* find_by_pid(pid_t pid)
+static halvo_child_proc_info_st* find_normal_by_pid(pid_t pid)
 {
     for (int i = 0; i < vm_info_g.mon_proc_num; ++i) {
-        if (child_proc_table_g[i].pid == pid) {
-            return &child_proc_table_g[i];
+        halvo_child_proc_info_st* proc_info = &child_proc_table_g[i];
+        if (proc_info->pid == pid && proc_info->proc_type == NORMAL) {
+            return proc_info;
         }
     }
     return nullptr;
+}
+
+// A lost process and what is to be done about it, as it stood when the loss was noticed.
+struct loss_st {
+    halvo_child_proc_info_st* proc_info;
+    int action;
+    int failover;   // vm_failover_flag
+    bool reported;  // by an earlier pass
+};
+
+// Table lock held. A failover begins here, before anything is logged.
+static loss_st take_loss(halvo_child_proc_info_st* proc_info)
+{
+    const loss_st loss = {.proc_info = proc_info,
+                          .action = proc_info->action,
+                          .failover = halvo_load(vm_info_g.vm_failover_flag),
+                          .reported = proc_info->notify_crash == TRUE};
+    halvo_store(vm_info_g.stop_heartbeat, 1);
+    if (loss.action == VM_FAILOVER && loss.failover == ENABLE) {
+        halvo_request_failover(&vm_info_g);
+    }
+    return loss;
 }
 
 static void log_spawn_count(halvo_child_proc_info_st* proc_info)
@@ -120,41 +144,40 @@ static void log_spawn_count(halvo_child_proc_info_st* proc_info)
     halvo_log(LOG_CRIT, "No: of times spawned by process manager [%d]\n", proc_info->spawn_count);
 }
 
-static void log_critical_loss(const char* proc_name, int failover)
+static void log_critical_loss(const loss_st& loss)
 {
-    if (failover == ENABLE) {
+    const char* proc_name = loss.proc_info->proc_name;
+    if (loss.failover == ENABLE) {
         halvo_log(LOG_ALERT, "Critical  process '%s' is terminated; VM failover is triggered\n", proc_name);
-    } else if (failover == DISABLE) {
+    } else if (loss.failover == DISABLE) {
         halvo_log(LOG_ALERT, "Critical  process '%s' is terminated\n", proc_name);
         halvo_log(LOG_ALERT, FAILOVER_DISABLED_LINE);
     }
 }
 
-// Reaps one exited child. Returns its entry, marked TERMINATED, with the action to take, when it was a
-// NORMAL process; else null.
-static halvo_child_proc_info_st* reap_normal_process(int* action)
+// Reaps one exited child. Returns false when it was no NORMAL process or there was none.
+static bool reap_normal_process(loss_st* loss)
 {
     int status = 0;
     const std::lock_guard guard(halvo_table_lock_g);
     const pid_t pid = waitpid(-1, &status, WNOHANG);
-    halvo_child_proc_info_st* proc_info = pid > 0 ? find_by_pid(pid) : nullptr;
-    if (proc_info == nullptr || proc_info->proc_type != NORMAL) {
-        return nullptr;
+    halvo_child_proc_info_st* proc_info = pid > 0 ? find_normal_by_pid(pid) : nullptr;
+    if (proc_info == nullptr) {
+        return false;
     }
-    halvo_store(vm_info_g.stop_heartbeat, 1);
+    *loss = take_loss(proc_info);
     halvo_log(LOG_ALERT, "Process '%s' terminated; pid [%d]; exit code [%d]\n", proc_info->proc_name, pid,
               WEXITSTATUS(status));
     halvo_log(LOG_ALERT, "heartbeat flag %d\n", halvo_load(vm_info_g.stop_heartbeat));
     proc_info->proc_state = TERMINATED;
     proc_info->pid = 0;
-    *action = proc_info->action;
-    return proc_info;
+    return true;
 }
 
-static void recover_from_exit(halvo_child_proc_info_st* proc_info, int action)
+static void recover_from_exit(const loss_st& loss)
 {
-    const int failover = halvo_load(vm_info_g.vm_failover_flag);
-    switch (action) {
+    halvo_child_proc_info_st* proc_info = loss.proc_info;
+    switch (loss.action) {
         case PROC_RESTART:
             if (halvo_start_process(proc_info) != 0) {
                 halvo_fatal_exit("Unable to start [%s]. Process manager is exiting\n",
@@ -163,10 +186,7 @@ static void recover_from_exit(halvo_child_proc_info_st* proc_info, int action)
             log_spawn_count(proc_info);
             break;
         case VM_FAILOVER:
-            log_critical_loss(proc_info->proc_name, failover);
-            if (failover == ENABLE) {
-                halvo_store(vm_info_g.wd_tick_flag, 0);
-            }
+            log_critical_loss(loss);
             break;
         case NOP:
             halvo_log(LOG_INFO, " No recovery action is executed for  process '%s'\n", proc_info->proc_name);
@@ -178,9 +198,9 @@ static void recover_from_exit(halvo_child_proc_info_st* proc_info, int action)
 
 void halvo_sigchld_cb()
 {
-    int action = 0;
-    while (halvo_child_proc_info_st* proc_info = reap_normal_process(&action)) {
-        recover_from_exit(proc_info, action);
+    loss_st loss{};
+    while (reap_normal_process(&loss)) {
+        recover_from_exit(loss);
     }
 }
 
@@ -238,20 +258,17 @@ static int ask_pidof(const char* proc_name, int* pid)
     return answered ? 1 : 0;
 }
 
-using status_path = std::array<char, 50>;
-
-static int open_status_file(int pid, status_path* path)
+int halvo_open_status_file(pid_t pid, halvo_status_path* path)
 {
     snprintf(path->data(), path->size(), "/proc/%d/status", pid);
     return open(path->data(), O_RDONLY | O_CLOEXEC);
 }
 
-// Both return the pid when /proc knows it under the name, else -1. That a found pid has no status file is
-// an error; that a held one has none any more is how a process ends.
-static int confirm_found_pid(const char* proc_name, int pid)
+// Returns the pid that pidof found when /proc knows it under the name, else -1.
+static int confirm_found_pid(const char* proc_name, pid_t pid)
 {
-    status_path path;
-    const int status_fd = open_status_file(pid, &path);
+    halvo_status_path path;
+    const int status_fd = halvo_open_status_file(pid, &path);
     if (status_fd == -1) {
         halvo_log(LOG_ERR, "Not able to open file: %s\n", path.data());
         return -1;
@@ -259,10 +276,10 @@ static int confirm_found_pid(const char* proc_name, int pid)
     return halvo_check_status_name(status_fd, path.data(), proc_name) == 0 ? pid : -1;
 }
 
-static int confirm_held_pid(const char* proc_name, int pid)
+int halvo_confirm_held_pid(const char* proc_name, pid_t pid)
 {
-    status_path path;
-    const int status_fd = open_status_file(pid, &path);
+    halvo_status_path path;
+    const int status_fd = halvo_open_status_file(pid, &path);
     if (status_fd == -1) {
         halvo_log(LOG_DEBUG, "Not able to open status file: %s;  process '%s' is terminated\n", path.data(),
                   proc_name);
@@ -289,7 +306,7 @@ int halvo_check_process_pid_status(halvo_child_proc_info_st* proc_info)
                       proc_info->proc_name);
             return -1;
         case 0:
-            return confirm_held_pid(proc_info->proc_name, held_pid(proc_info));
+            return halvo_confirm_held_pid(proc_info->proc_name, held_pid(proc_info));
         default:
             return -1;
     }
@@ -304,33 +321,30 @@ static void mark_found(halvo_child_proc_info_st* proc_info, int pid)
     proc_info->notify_crash = FALSE;
 }
 
-// Records the loss and returns the action to take. A process that was never found stays UNKNOWN.
-static int mark_lost(halvo_child_proc_info_st* proc_info, bool* reported)
+// Records the loss. A process that was never found stays UNKNOWN.
+static loss_st mark_lost(halvo_child_proc_info_st* proc_info)
 {
     const std::lock_guard guard(halvo_table_lock_g);
-    *reported = proc_info->notify_crash == TRUE;
-    if (!*reported && proc_info->proc_state == UNKNOWN) {
+    const loss_st loss = take_loss(proc_info);
+    if (!loss.reported && proc_info->proc_state == UNKNOWN) {
         halvo_log(LOG_ALERT, "Process '%s' is not started\n", proc_info->proc_name);
-    } else if (!*reported) {
+    } else if (!loss.reported) {
         halvo_log(LOG_ALERT, "Process '%s' is terminated\n", proc_info->proc_name);
     }
     if (proc_info->proc_state != UNKNOWN) {
         proc_info->proc_state = TERMINATED;
         proc_info->pid = 0;
     }
-    halvo_store(vm_info_g.stop_heartbeat, 1);
-    if (proc_info->action == VM_FAILOVER || proc_info->action == NOP) {
+    if (loss.action == VM_FAILOVER || loss.action == NOP) {
         proc_info->notify_crash = TRUE;
     }
-    return proc_info->action;
+    return loss;
 }
 
-static int recover_from_loss(halvo_child_proc_info_st* proc_info)
+static int recover_from_loss(const loss_st& loss)
 {
-    bool reported = false;
-    const int action = mark_lost(proc_info, &reported);
-    const int failover = halvo_load(vm_info_g.vm_failover_flag);
-    switch (action) {
+    halvo_child_proc_info_st* proc_info = loss.proc_info;
+    switch (loss.action) {
         case PROC_RESTART:
             if (halvo_start_process(proc_info) != 0) {
                 halvo_log(LOG_ALERT, "Unable to start [%s]\n", copy_command(proc_info->start_cmd).data());
@@ -339,15 +353,12 @@ static int recover_from_loss(halvo_child_proc_info_st* proc_info)
             log_spawn_count(proc_info);
             return 0;
         case VM_FAILOVER:
-            if (!reported) {
-                log_critical_loss(proc_info->proc_name, failover);
-            }
-            if (failover == ENABLE) {
-                halvo_store(vm_info_g.wd_tick_flag, 0);
+            if (!loss.reported) {
+                log_critical_loss(loss);
             }
             return 0;
         case NOP:
-            if (!reported) {
+            if (!loss.reported) {
                 halvo_log(LOG_INFO, " No recovery action is executed for  process '%s'\n",
                           proc_info->proc_name);
             }
@@ -368,5 +379,5 @@ int halvo_monitor_process_crash(halvo_child_proc_info_st* proc_info)
         }
         sleep(1);
     }
-    return recover_from_loss(proc_info);
+    return recover_from_loss(mark_lost(proc_info));
 }

@@ -7,6 +7,10 @@
 
 #pragma once
 
+#include <sys/types.h>
+
+#include <array>
+
 #include "halvo_private.h"
 
 // Runs the pre-start script, spawns the process, runs the post-start script. Returns 0, or -1 with a
@@ -25,8 +29,16 @@ void halvo_sigchld_cb();
 // name line of /proc/PID/status, see proc(5). Main thread, without the table lock.
 int halvo_check_process_pid_status(halvo_child_proc_info_st* proc_info);
 
+// The path of a status file, and opening it. Returns a descriptor or -1. Any thread.
+using halvo_status_path = std::array<char, 50>;
+int halvo_open_status_file(pid_t pid, halvo_status_path* path);
+
+// Returns the pid when /proc still knows it under the name, else -1. Three system calls, nothing allocated.
+// Any thread.
+int halvo_confirm_held_pid(const char* proc_name, pid_t pid);
+
 // Compares the name line of an open /proc/PID/status with a name and closes the descriptor. Returns 0
-// when the name occurs in it, else -1 with a message. Three system calls, nothing allocated. Any thread.
+// when the name occurs in it, else -1 with a message. Any thread.
 int halvo_check_status_name(int status_fd, const char* path, const char* name);
 
 // Looks for a DAEMON or SYSTEM process and recovers from its loss. Takes up to 3 seconds. Returns 0, or -1

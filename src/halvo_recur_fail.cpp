@@ -5,6 +5,7 @@
 #include <new>
 
 #include "halvo_log.h"
+#include "halvo_watchdog.h"
 
 halvo_recur_fail_list_st* halvo_create_recur_fail_list()
 {
@@ -69,12 +70,14 @@ void halvo_insert_recur_fail_info(halvo_recur_fail_list_st*& recur_fail_list, co
     const auto seconds = static_cast<unsigned long>(span);
     const int failover = halvo_load(vm_info_g.vm_failover_flag);
     if (span >= 0 && span < recur_fail_intrvl && (failover == ENABLE || failover == DISABLE)) {
+        if (failover == ENABLE) {
+            halvo_request_failover(&vm_info_g);
+        }
         halvo_log(LOG_CRIT, "Process '%s' respawned [%d] times in [%lu] seconds; VM failover is triggered\n",
                   proc_name, count, seconds);
         if (failover == ENABLE) {
             halvo_delete_recur_fail_list(recur_fail_list);
             recur_fail_list = nullptr;
-            halvo_store(vm_info_g.wd_tick_flag, 0);
         } else {
             halvo_log(LOG_ALERT, FAILOVER_DISABLED_LINE);
         }

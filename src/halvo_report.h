@@ -1,7 +1,7 @@
 // The two reports, built line by line into a reply or, without one, into the log.
 //
-// Each holds the table lock from its first line to its last, so that it shows one moment: no ring is freed
-// under its walk, and no figure is older than the one above it.
+// Each holds the table lock from its first line to its last: no ring is freed under its walk, and what
+// changes under one hold of the lock is shown whole.
 
 #pragma once
 

@@ -58,10 +58,12 @@ static void take_over_intervals()
     halvo_store(vm_info_g.wd_timeout, new_vm_info_g.wd_timeout);
 }
 
-// Starts or stops the watchdog when the switch changed. The switch keeps its new value when that fails.
+// Starts or stops the watchdog when the switch changed. The switch keeps its new value when that fails. A
+// process may be lost as soon as the switch is on: the device armed after that must not be tickled.
 static int take_over_failover(char* ack_msg)
 {
     const int failover = new_vm_info_g.vm_failover_flag;
+    const unsigned requests = halvo_failover_requests();
     if (failover == halvo_load(vm_info_g.vm_failover_flag)) {
         return 0;
     }
@@ -73,6 +75,9 @@ static int take_over_failover(char* ack_msg)
     if (failover == ENABLE && halvo_watchdog_init(&vm_info_g) != 0) {
         report(LOG_ALERT, ack_msg, "Not able to initialize the watch dog device\n");
         return -1;
+    }
+    if (failover == ENABLE && halvo_failover_requests() != requests) {
+        halvo_store(vm_info_g.wd_tick_flag, 0);
     }
     return 0;
 }
@@ -128,7 +133,12 @@ static int check_script(const halvo_child_proc_info_st& fresh, const char* comma
     return 0;
 }
 
-static int check_start_command(halvo_child_proc_info_st* fresh, char* ack_msg)
+static int check_pre_start(halvo_child_proc_info_st* fresh, char* ack_msg)
+{
+    return check_script(*fresh, fresh->pre_start_cmd, "pre-start", ack_msg);
+}
+
+static int check_start(halvo_child_proc_info_st* fresh, char* ack_msg)
 {
     if (halvo_check_file_exists(fresh) != 0) {
         report(LOG_ERR, ack_msg, "File mentioned in  process '%s' start command doesn't exist\n",
@@ -138,41 +148,44 @@ static int check_start_command(halvo_child_proc_info_st* fresh, char* ack_msg)
     return 0;
 }
 
-// The command fields in the order in which they are checked and taken over.
-using command_field = char (halvo_child_proc_info_st::*)[CMD_SIZE];
-
-static constexpr std::array<command_field, 5> command_fields = {
-    &halvo_child_proc_info_st::pre_start_cmd,      &halvo_child_proc_info_st::start_cmd,
-    &halvo_child_proc_info_st::start_cmd_filename, &halvo_child_proc_info_st::post_start_cmd,
-    &halvo_child_proc_info_st::stop_cmd,
-};
-
-static int check_command(command_field field, halvo_child_proc_info_st* fresh, char* ack_msg)
+static int check_nothing(halvo_child_proc_info_st*, char*)
 {
-    if (field == &halvo_child_proc_info_st::pre_start_cmd) {
-        return check_script(*fresh, fresh->*field, "pre-start", ack_msg);
-    }
-    if (field == &halvo_child_proc_info_st::start_cmd) {
-        return check_start_command(fresh, ack_msg);
-    }
-    if (field == &halvo_child_proc_info_st::post_start_cmd) {
-        return check_script(*fresh, fresh->*field, "post-start", ack_msg);
-    }
-    if (field == &halvo_child_proc_info_st::stop_cmd) {
-        return check_script(*fresh, fresh->*field, "stop", ack_msg);
-    }
     return 0;
 }
 
-// Checks the commands that changed. Returns how many fields from the first on may be taken over: all of
-// them, or those before the faulty one. Only this thread writes the running fields: reading them needs no
-// lock.
+static int check_post_start(halvo_child_proc_info_st* fresh, char* ack_msg)
+{
+    return check_script(*fresh, fresh->post_start_cmd, "post-start", ack_msg);
+}
+
+static int check_stop(halvo_child_proc_info_st* fresh, char* ack_msg)
+{
+    return check_script(*fresh, fresh->stop_cmd, "stop", ack_msg);
+}
+
+// A command field and the check that a changed one must pass, in the order of taking over.
+struct command_st {
+    char (halvo_child_proc_info_st::*field)[CMD_SIZE];
+    int (*check)(halvo_child_proc_info_st* fresh, char* ack_msg);
+};
+
+static constexpr std::array<command_st, 5> commands = {{
+    {&halvo_child_proc_info_st::pre_start_cmd, check_pre_start},
+    {&halvo_child_proc_info_st::start_cmd, check_start},
+    {&halvo_child_proc_info_st::start_cmd_filename, check_nothing},
+    {&halvo_child_proc_info_st::post_start_cmd, check_post_start},
+    {&halvo_child_proc_info_st::stop_cmd, check_stop},
+}};
+
+// Checks the commands that changed. Returns how many from the first on may be taken over: all of them, or
+// those before the faulty one. Only this thread writes the running fields: reading them needs no lock.
 static size_t check_commands(const halvo_child_proc_info_st& running, halvo_child_proc_info_st* fresh,
                              char* ack_msg)
 {
     size_t accepted = 0;
-    for (const command_field field : command_fields) {
-        if (strcmp(running.*field, fresh->*field) != 0 && check_command(field, fresh, ack_msg) != 0) {
+    for (const command_st& command : commands) {
+        const bool changed = strcmp(running.*command.field, fresh->*command.field) != 0;
+        if (changed && command.check(fresh, ack_msg) != 0) {
             break;
         }
         ++accepted;
@@ -191,22 +204,23 @@ static void take_over_action(halvo_child_proc_info_st* running, const halvo_chil
     }
 }
 
-// Takes over the accepted commands and, where all of them were, the rest of the entry.
-static void take_over_entry(halvo_child_proc_info_st* running, const halvo_child_proc_info_st& fresh,
-                            size_t accepted)
+// Takes over the accepted commands and, where all of them were, the rest of the entry; in one step.
+static int take_over_entry(halvo_child_proc_info_st* running, const halvo_child_proc_info_st& fresh,
+                           size_t accepted)
 {
     const std::lock_guard guard(halvo_table_lock_g);
     for (size_t i = 0; i < accepted; ++i) {
-        halvo_copy_text(running->*command_fields.at(i), CMD_SIZE, fresh.*command_fields.at(i));
+        halvo_copy_text(running->*commands.at(i).field, CMD_SIZE, fresh.*commands.at(i).field);
     }
-    if (accepted < command_fields.size()) {
-        return;
+    if (accepted < commands.size()) {
+        return -1;
     }
     take_over_action(running, fresh);
     running->proc_cpu_tot_high_water = fresh.proc_cpu_tot_high_water;
     running->proc_cpu_tot_low_water = fresh.proc_cpu_tot_low_water;
     running->proc_mem_high_water = fresh.proc_mem_high_water;
     running->proc_mem_low_water = fresh.proc_mem_low_water;
+    return 0;
 }
 
 static int update_entry(halvo_child_proc_info_st* running, halvo_child_proc_info_st* fresh, char* ack_msg)
@@ -214,9 +228,7 @@ static int update_entry(halvo_child_proc_info_st* running, halvo_child_proc_info
     if (compare_identity(*running, *fresh, ack_msg) != 0) {
         return -1;
     }
-    const size_t accepted = check_commands(*running, fresh, ack_msg);
-    take_over_entry(running, *fresh, accepted);
-    if (accepted < command_fields.size()) {
+    if (take_over_entry(running, *fresh, check_commands(*running, fresh, ack_msg)) != 0) {
         return -1;
     }
     if (running->recur_fail_restart_cnt != fresh->recur_fail_restart_cnt ||

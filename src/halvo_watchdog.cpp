@@ -13,7 +13,10 @@
 static constexpr const char* WATCHDOG_DEV = "/dev/watchdog";
 
 static std::mutex device_lock;
-static unsigned arm_count;  // how often the device was armed; read and written with halvo_load/halvo_store
+
+// Read and written with halvo_load() and halvo_store() or in one atomic step.
+static unsigned arm_count;          // how often the device was armed
+static unsigned failover_requests;  // how often a failover was asked for
 
 // What disarming gave, to be logged once the device lock is released.
 enum class disarm_result { NOT_OPEN, DISARMED, WRITE_FAILED };
@@ -119,6 +122,17 @@ int halvo_watchdog_init(halvo_vm_info_st* vm_info)
     halvo_store(vm_info->wd_tick_flag, 1);
     halvo_store(arm_count, arm_count + 1);
     return 0;
+}
+
+void halvo_request_failover(halvo_vm_info_st* vm_info)
+{
+    __atomic_add_fetch(&failover_requests, 1, __ATOMIC_SEQ_CST);
+    halvo_store(vm_info->wd_tick_flag, 0);
+}
+
+unsigned halvo_failover_requests()
+{
+    return halvo_load(failover_requests);
 }
 
 int halvo_watchdog_stop(halvo_vm_info_st* vm_info)

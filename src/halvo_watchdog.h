@@ -1,7 +1,7 @@
 // The watchdog device that the hypervisor emulates, and the thread that tickles it.
 //
 // Opening the device arms it. From then on the hypervisor takes the VM down unless a keepalive arrives
-// within the timeout; to fail over, anybody stores 0 in wd_tick_flag. Only halvo_close_watchdog_dev()
+// within the timeout. Only halvo_close_watchdog_dev()
 // disarms the device: a daemon that dies by any other way leaves it armed.
 //
 // The room's own lock guards wd_dev_fd and every call on it. It is never held while logging or sleeping,
@@ -19,6 +19,14 @@ int halvo_watchdog_init(halvo_vm_info_st* vm_info);
 
 // Stops the keepalives, then disarms and closes the device. Returns -1 when it was not open. Any thread.
 int halvo_watchdog_stop(halvo_vm_info_st* vm_info);
+
+// Stops the keepalives and leaves the device armed, so that the VM fails over. Called where vm_failover_flag
+// is ENABLE, before the first line about it is logged: a stuck log daemon must not hold a failover back. Any
+// thread, takes no lock.
+void halvo_request_failover(halvo_vm_info_st* vm_info);
+
+// How often that was asked for. A set-up that began before a request must not tickle after it.
+unsigned halvo_failover_requests();
 
 // Disarms and closes the device. Returns -1 when it was not open. Any thread.
 int halvo_close_watchdog_dev(halvo_vm_info_st* vm_info);

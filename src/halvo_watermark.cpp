@@ -1,12 +1,9 @@
 #include "halvo_watermark.h"
 
-#include <fcntl.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstdio>
 
 extern "C" {  // glibc 2.36 declares these without C linkage
 #include <sys/pidfd.h>
@@ -14,18 +11,18 @@ extern "C" {  // glibc 2.36 declares these without C linkage
 
 #include "halvo_log.h"
 #include "halvo_process.h"
+#include "halvo_watchdog.h"
 
 // A process that is not our child may be gone and its pid taken by another: the descriptor is opened first
 // and the name is looked at afterwards, so that what is killed is what bore the name.
 static int kill_by_name(pid_t pid, const char* proc_name)
 {
-    std::array<char, 50> path;
-    snprintf(path.data(), path.size(), "/proc/%d/status", pid);
+    halvo_status_path path;
     const int pid_fd = pidfd_open(pid, 0);
     if (pid_fd == -1) {
         return -1;
     }
-    const int status_fd = open(path.data(), O_RDONLY | O_CLOEXEC);
+    const int status_fd = halvo_open_status_file(pid, &path);
     const bool bears_name =
         status_fd != -1 && halvo_check_status_name(status_fd, path.data(), proc_name) == 0;
     errno = ESRCH;
@@ -67,16 +64,19 @@ static int restart_process(const halvo_child_proc_info_st* proc_info)
 
 static void fail_vm_over(const halvo_child_proc_info_st* proc_info)
 {
+    const int failover = halvo_load(vm_info_g.vm_failover_flag);
+    if (failover == ENABLE) {
+        halvo_request_failover(&vm_info_g);
+    }
     if (proc_info == nullptr) {
         halvo_log(LOG_ALERT, "Executing recovery action[VM failover]\n");
     } else {
         halvo_log(LOG_ALERT, "Executing recovery action[VM failover] for process '%s'\n",
                   proc_info->proc_name);
     }
-    switch (halvo_load(vm_info_g.vm_failover_flag)) {
+    switch (failover) {
         case ENABLE:
             halvo_log(LOG_ALERT, "VM failover is triggered\n");
-            halvo_store(vm_info_g.wd_tick_flag, 0);
             break;
         case DISABLE:
             halvo_log(LOG_ALERT, FAILOVER_DISABLED_LINE);
