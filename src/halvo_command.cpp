@@ -134,6 +134,22 @@ int halvo_execute_script(const char* script_start_cmd)
     return result;
 }
 
+static void remove_line_end(char* line)
+{
+    for (const char end : {'\n', '\r'}) {
+        const size_t length = strlen(line);
+        if (length > 0 && line[length - 1] == end) {
+            line[length - 1] = '\0';
+        }
+    }
+}
+
+static void log_unreadable_start_cmd_file(const char* file_name)
+{
+    halvo_log(LOG_ALERT, "Start cmd file: %s not found\n", file_name);
+    halvo_log_errno(LOG_ERR);
+}
+
 // Takes the entry's start command from the first line of the named file. An empty file changes nothing.
 static int read_start_cmd_file(halvo_child_proc_info_st* proc_info, const char* file_name)
 {
@@ -145,15 +161,17 @@ static int read_start_cmd_file(halvo_child_proc_info_st* proc_info, const char* 
     }
     const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(file_name, "re"), fclose);
     if (file == nullptr) {
-        halvo_log(LOG_ALERT, "Start cmd file: %s not found\n", file_name);
-        halvo_log_errno(LOG_ERR);
+        log_unreadable_start_cmd_file(file_name);
         return -1;
     }
     std::array<char, CMD_COPY_SIZE> line;
     if (fgets(line.data(), line.size(), file.get()) != nullptr) {
-        line.at(strcspn(line.data(), "\r\n")) = '\0';
+        remove_line_end(line.data());
         halvo_copy_text(proc_info->start_cmd_filename, CMD_SIZE, proc_info->start_cmd);
         halvo_copy_text(proc_info->start_cmd, CMD_SIZE, line.data());
+    } else if (ferror(file.get()) != 0) {
+        log_unreadable_start_cmd_file(file_name);
+        return -1;
     }
     return 0;
 }

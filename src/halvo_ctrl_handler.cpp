@@ -74,7 +74,7 @@ int halvo_disable_vm_failover(char* ack_msg)
         halvo_append_msg(ack_msg, ACK_MSG_SIZE, "Not able to stop watch dog device\n");
         return -1;
     }
-    // At once: until then the watchdog thread takes the stopped tickling for a failover.
+    // Before the lines: until then the watchdog thread takes the stopped tickling for a failover.
     halvo_store(vm_info_g.vm_failover_flag, DISABLE);
     halvo_log(LOG_INFO, "VM failover is disabled using CLI\n");
     halvo_append_msg(ack_msg, ACK_MSG_SIZE, "VM failover is disabled\n");

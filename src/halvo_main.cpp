@@ -212,11 +212,9 @@ static unsigned start_server()
 static bool promote_entry(halvo_child_proc_info_st* proc_info)
 {
     const std::lock_guard guard(halvo_table_lock_g);
-    const time_t now = time(nullptr);
-    if (now == static_cast<time_t>(-1)) {
-        halvo_log(LOG_ERR, "Not able to get system time\n");
-        halvo_log_errno(LOG_ERR);
-    } else if (proc_info->proc_state == INIT && proc_info->last_spawn_time + INIT_TIME < now) {
+    time_t now = 0;
+    if (halvo_read_clock(&now) == 0 && proc_info->proc_state == INIT &&
+        proc_info->last_spawn_time + INIT_TIME < now) {
         proc_info->proc_state = ACTIVE;
     }
     if (proc_info->proc_type == DAEMON) {

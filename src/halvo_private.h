@@ -25,7 +25,7 @@ constexpr int CMD_SIZE = 1025;                 // bytes of a command field, the 
 constexpr int HEARTBEAT_SEND_BUF_SIZE = 2048;  // bytes
 
 constexpr const char* INVALID_CMD = "INVALID_CMD";  // what a command field holds when there is no command
-constexpr const char SEPARATOR_CHAR = '/';
+constexpr char SEPARATOR_CHAR = '/';
 
 enum process_state_en : int32_t {
     UNKNOWN = 0,    // not started by the supervisor and not yet found running

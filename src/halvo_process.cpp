@@ -10,8 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <string>
-#include <string_view>
 #include <utility>
 
 #include "halvo_command.h"
@@ -24,11 +22,8 @@ static constexpr int MAX_FIND_ATTEMPTS = 3;  // a second apart
 
 static void count_spawn(halvo_child_proc_info_st* proc_info)
 {
-    const time_t now = time(nullptr);
-    if (now == static_cast<time_t>(-1)) {
-        halvo_log(LOG_ERR, "Not able to get system time\n");
-        halvo_log_errno(LOG_ERR);
-    } else {
+    time_t now = 0;
+    if (halvo_read_clock(&now) == 0) {
         proc_info->last_spawn_time = now;
     }
     ++proc_info->spawn_count;
@@ -222,19 +217,29 @@ int halvo_check_status_name(int status_fd, const char* path, const char* name)
     return 0;
 }
 
+// Holds a name of which every character needs quoting.
+using pidof_command = std::array<char, 4 * PROC_NAME_SIZE + 16>;
+
 // The command goes through a shell: a name that is not plain text to it is quoted.
-static std::string pidof_command(std::string_view proc_name)
+static pidof_command build_pidof_command(const char* proc_name)
 {
-    static constexpr std::string_view plain =
+    static constexpr const char* plain =
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.+:@%,/=-";
-    if (proc_name.find_first_not_of(plain) == std::string_view::npos) {
-        return "pidof " + std::string(proc_name);
+    pidof_command command;
+    if (proc_name[strspn(proc_name, plain)] == '\0') {
+        snprintf(command.data(), command.size(), "pidof %s", proc_name);
+        return command;
     }
-    std::string command = "pidof '";
-    for (const char letter : proc_name) {
-        command += letter == '\'' ? std::string("'\\''") : std::string(1, letter);
+    char* end = stpcpy(command.data(), "pidof '");
+    for (const char* letter = proc_name; *letter != '\0'; ++letter) {
+        if (*letter == '\'') {
+            end = stpcpy(end, "'\\''");
+        } else {
+            *end++ = *letter;
+        }
     }
-    return command + "'";
+    stpcpy(end, "'");
+    return command;
 }
 
 // Takes the pid from the first line that pidof prints. Returns 1 when there was a line, 0 when there was
@@ -242,11 +247,12 @@ static std::string pidof_command(std::string_view proc_name)
 static int ask_pidof(const char* proc_name, int* pid)
 {
     std::array<char, 100> line;
-    const std::string command = pidof_command(proc_name);
-    fflush(nullptr);
-    FILE* stream = popen(command.c_str(), "re");
+    const pidof_command command = build_pidof_command(proc_name);
+    // Not every stream: that would wait for one that another thread is blocked in reading.
+    fflush(stdout);
+    FILE* stream = popen(command.data(), "re");
     if (stream == nullptr) {
-        halvo_log(LOG_ERR, " Failed to open popen: %s\n", command.c_str());
+        halvo_log(LOG_ERR, " Failed to open popen: %s\n", command.data());
         return -1;
     }
     const bool answered = fgets(line.data(), line.size(), stream) != nullptr;
@@ -288,7 +294,7 @@ int halvo_confirm_held_pid(const char* proc_name, pid_t pid)
     return halvo_check_status_name(status_fd, path.data(), proc_name) == 0 ? pid : -1;
 }
 
-static pid_t held_pid(const halvo_child_proc_info_st* proc_info)
+pid_t halvo_held_pid(const halvo_child_proc_info_st* proc_info)
 {
     const std::lock_guard guard(halvo_table_lock_g);
     return proc_info->pid;
@@ -306,7 +312,7 @@ int halvo_check_process_pid_status(halvo_child_proc_info_st* proc_info)
                       proc_info->proc_name);
             return -1;
         case 0:
-            return halvo_confirm_held_pid(proc_info->proc_name, held_pid(proc_info));
+            return halvo_confirm_held_pid(proc_info->proc_name, halvo_held_pid(proc_info));
         default:
             return -1;
     }

@@ -29,6 +29,9 @@ void halvo_sigchld_cb();
 // name line of /proc/PID/status, see proc(5). Main thread, without the table lock.
 int halvo_check_process_pid_status(halvo_child_proc_info_st* proc_info);
 
+// Returns the pid field of an entry. Any thread, without the table lock.
+pid_t halvo_held_pid(const halvo_child_proc_info_st* proc_info);
+
 // The path of a status file, and opening it. Returns a descriptor or -1. Any thread.
 using halvo_status_path = std::array<char, 50>;
 int halvo_open_status_file(pid_t pid, halvo_status_path* path);

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "halvo_log.h"
+#include "halvo_process.h"
 
 static sys_cpu_usage_info_st sys_cpu_usage;
 static std::array<proc_cpu_usage_info_st, MAX_PROC_NUM> proc_cpu_usage;
@@ -30,12 +31,6 @@ static ssize_t read_proc_file(const char* path, proc_text* text)
     close(fd);
     text->at(length > 0 ? static_cast<size_t>(length) : 0) = '\0';
     return length > 0 ? length : 0;
-}
-
-static pid_t pid_of(const halvo_child_proc_info_st* proc_info)
-{
-    const std::lock_guard guard(halvo_table_lock_g);
-    return proc_info->pid;
 }
 
 static bool is_space(char letter)
@@ -141,7 +136,7 @@ int halvo_process_memory_usage(halvo_child_proc_info_st* proc_info)
     proc_path path;
     uint64_t data = 0;
     uint64_t peak = 0;
-    const pid_t pid = pid_of(proc_info);
+    const pid_t pid = halvo_held_pid(proc_info);
     snprintf(path.data(), path.size(), "/proc/%d/status", pid);
     if (read_proc_file(path.data(), &text) == -1) {
         halvo_log(LOG_ERR, "unable to open /proc/%d/status", pid);
@@ -264,7 +259,7 @@ int halvo_process_cpu_usage(uint64_t tot_cpu_usage_in_mon_intvl, halvo_child_pro
     proc_text text;
     proc_path path;
     proc_cpu_usage_info_st usage{};
-    const pid_t pid = pid_of(proc_info);
+    const pid_t pid = halvo_held_pid(proc_info);
     snprintf(path.data(), path.size(), "/proc/%d/stat", pid);
     const ssize_t length = read_proc_file(path.data(), &text);
     if (length == -1) {

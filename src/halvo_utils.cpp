@@ -26,6 +26,17 @@ void halvo_copy_text(char* field, size_t size, const char* text)
     field[length] = '\0';
 }
 
+int halvo_read_clock(time_t* now)
+{
+    *now = time(nullptr);
+    if (*now == static_cast<time_t>(-1)) {
+        halvo_log(LOG_ERR, "Not able to get system time\n");
+        halvo_log_errno(LOG_ERR);
+        return -1;
+    }
+    return 0;
+}
+
 bool halvo_has_command(const char* command)
 {
     return strcmp(command, INVALID_CMD) != 0;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 
 #include "halvo_private.h"
 
@@ -27,6 +28,9 @@ const char* file_basename(const char* path);
 
 // Copies a text into a field of the given size in bytes, cut where it does not fit, always terminated.
 void halvo_copy_text(char* field, size_t size, const char* text);
+
+// Reads the wall clock, seconds since the epoch. Returns 0, or -1 with messages. See time(2).
+int halvo_read_clock(time_t* now);
 
 // True unless the command field holds the marker for no command.
 bool halvo_has_command(const char* command);

@@ -82,26 +82,44 @@ static int device_request(const halvo_vm_info_st* vm_info, unsigned long request
     return ioctl(vm_info->wd_dev_fd, request, value);
 }
 
-// Asks for the timeout and makes sure that the driver really took it.
-static int program_timeout(const halvo_vm_info_st* vm_info)
+// How far the programming of the timeout came, and the seconds that the driver spoke of.
+struct timeout_st {
+    enum { TAKEN, SET_FAILED, REPORT_FAILED, DIFFERS } result;
+    int set;
+    int reported;
+};
+
+// Asks for the timeout and makes sure that the driver really took it. Logs nothing: the countdown runs.
+static timeout_st program_timeout(const halvo_vm_info_st* vm_info)
 {
     const int wanted = halvo_load(vm_info->wd_timeout);
-    int timeout = wanted;
-    if (device_request(vm_info, WDIOC_SETTIMEOUT, &timeout) == -1) {
+    timeout_st timeout = {.result = timeout_st::TAKEN, .set = wanted, .reported = wanted};
+    const std::lock_guard guard(device_lock);
+    if (ioctl(vm_info->wd_dev_fd, WDIOC_SETTIMEOUT, &timeout.set) == -1) {
+        timeout.result = timeout_st::SET_FAILED;
+    } else if (ioctl(vm_info->wd_dev_fd, WDIOC_GETTIMEOUT, &timeout.reported) == -1) {
+        timeout.result = timeout_st::REPORT_FAILED;
+    } else if (timeout.reported != wanted) {
+        timeout.result = timeout_st::DIFFERS;
+    }
+    return timeout;
+}
+
+static void log_timeout(const timeout_st& timeout)
+{
+    if (timeout.result == timeout_st::SET_FAILED) {
         halvo_log(LOG_ERR, "%s failed to set timeout\n", WATCHDOG_DEV);
-        return -1;
+        return;
     }
-    halvo_log(LOG_INFO, "Set watchdog interval to %d\n", timeout);
-    if (device_request(vm_info, WDIOC_GETTIMEOUT, &timeout) == -1) {
+    halvo_log(LOG_INFO, "Set watchdog interval to %d\n", timeout.set);
+    if (timeout.result == timeout_st::REPORT_FAILED) {
         halvo_log(LOG_ERR, "%s failed to report timeout\n", WATCHDOG_DEV);
-        return -1;
+        return;
     }
-    halvo_log(LOG_INFO, "Current watchdog interval is %d\n", timeout);
-    if (timeout != wanted) {
+    halvo_log(LOG_INFO, "Current watchdog interval is %d\n", timeout.reported);
+    if (timeout.result == timeout_st::DIFFERS) {
         halvo_log(LOG_ERR, "%s failed to set timeout mentioned in config file\n", WATCHDOG_DEV);
-        return -1;
     }
-    return 0;
 }
 
 int halvo_watchdog_init(halvo_vm_info_st* vm_info)
@@ -115,13 +133,19 @@ int halvo_watchdog_init(halvo_vm_info_st* vm_info)
     if (halvo_open_watchdog_dev(vm_info) != 0) {
         return -1;
     }
-    if (program_timeout(vm_info) != 0) {
-        halvo_close_watchdog_dev(vm_info);
-        return -1;
+    const timeout_st timeout = program_timeout(vm_info);
+    if (timeout.result == timeout_st::TAKEN) {
+        halvo_store(vm_info->wd_tick_flag, 1);
+        halvo_store(arm_count, arm_count + 1);
+        log_timeout(timeout);
+        return 0;
     }
-    halvo_store(vm_info->wd_tick_flag, 1);
-    halvo_store(arm_count, arm_count + 1);
-    return 0;
+    device_lock.lock();
+    const disarm_result disarmed = disarm_and_close(vm_info);
+    device_lock.unlock();
+    log_timeout(timeout);
+    log_disarm(disarmed);
+    return -1;
 }
 
 void halvo_request_failover(halvo_vm_info_st* vm_info)
@@ -161,6 +185,9 @@ static tickle_result send_keepalive(halvo_vm_info_st* vm_info, disarm_result* di
         return tickle_result::NOT_OPEN;
     }
     if (ioctl(vm_info->wd_dev_fd, WDIOC_KEEPALIVE, &unused) == -1) {
+        if (halvo_load(vm_info->wd_tick_flag) != 1) {
+            return tickle_result::STOPPED;  // a failover asked for just now needs the device armed
+        }
         *disarmed = disarm_and_close(vm_info);
         return tickle_result::FAILED;
     }
@@ -180,7 +207,7 @@ static int halvo_tickle_watchdog(halvo_vm_info_st* vm_info)
             log_disarm(disarmed);
             return -1;
         case tickle_result::TICKLED:
-            if (halvo_load(halvo_debug_mode_g) == ENABLE) {
+            if (halvo_load(halvo_debug_mode_g) == ENABLE) {  // else not even halvo_ctime's lock is taken
                 halvo_log(LOG_DEBUG, "Watchdog tickle: Last keepalive %s\n",
                           halvo_ctime(vm_info->wd_last_keepalive).data());
             }
