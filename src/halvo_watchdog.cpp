@@ -76,12 +76,6 @@ static int halvo_open_watchdog_dev(halvo_vm_info_st* vm_info)
     return 0;
 }
 
-static int device_request(const halvo_vm_info_st* vm_info, unsigned long request, int* value)
-{
-    const std::lock_guard guard(device_lock);
-    return ioctl(vm_info->wd_dev_fd, request, value);
-}
-
 // How far the programming of the timeout came, and the seconds that the driver spoke of.
 struct timeout_st {
     enum { TAKEN, SET_FAILED, REPORT_FAILED, DIFFERS } result;
@@ -97,7 +91,10 @@ static timeout_st program_timeout(const halvo_vm_info_st* vm_info)
     const std::lock_guard guard(device_lock);
     if (ioctl(vm_info->wd_dev_fd, WDIOC_SETTIMEOUT, &timeout.set) == -1) {
         timeout.result = timeout_st::SET_FAILED;
-    } else if (ioctl(vm_info->wd_dev_fd, WDIOC_GETTIMEOUT, &timeout.reported) == -1) {
+        return timeout;
+    }
+    timeout.reported = timeout.set;
+    if (ioctl(vm_info->wd_dev_fd, WDIOC_GETTIMEOUT, &timeout.reported) == -1) {
         timeout.result = timeout_st::REPORT_FAILED;
     } else if (timeout.reported != wanted) {
         timeout.result = timeout_st::DIFFERS;
