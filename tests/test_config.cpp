@@ -1,0 +1,175 @@
+// The configuration reader, fed with files as operators write them, break them and mistype them.
+
+#include <syslog.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "halvo_log.h"
+#include "halvo_utils.h"
+#include "sandbox.h"
+
+using ConfigSandbox = Sandbox;
+
+static int read_config()
+{
+    memset(child_proc_table_g, 0, sizeof(child_proc_table_g));
+    vm_info_g = {};
+    return halvo_read_confile(&vm_info_g, child_proc_table_g);
+}
+
+TEST_F(ConfigSandbox, TheExampleIsAcceptedWithoutAWord)
+{
+    write_config(read_file(HALVO_SOURCE_DIR "/config/halvo.conf"));
+    EXPECT_EQ(read_config(), 0);
+    EXPECT_EQ(vm_info_g.mon_proc_num, 2);
+    EXPECT_EQ(vm->count(HOST_ANY, "*"), 0U);
+}
+
+// What a file is answered with: all lines of the log, to the byte, in order.
+struct faulty_file {
+    const char* text;
+    int result;
+    std::vector<std::string> lines;
+};
+
+static const std::string at = "/etc/config/halvo.conf[line:";
+static const std::string refused = "Error in verifying the field strings and values in config file\n";
+static const std::string unmet = "Error in verifying the mandatory param\n";
+
+static const std::vector<faulty_file> faulty_files = {
+    {"# a comment\n \t\n", 0, {}},
+    {"global version\n\nglobal version 99\np start_cmd x\n",
+     -1,
+     {at + "1]: missing field\n",
+      at + "4]: The string arguments of [start_cmd] should be within double quotes\n"}},
+    {"global start_cmd x\n",
+     -1,
+     {at + "1]: The string arguments of [start_cmd] should be within double quotes\n"}},
+    {"global nope 5\n", 0, {at + "1]: Invalid VM param name found: nope \n"}},
+    {"sampled action NOP\n", -1, {at + "1]: Invalid keyword found: sampled \n", refused}},
+    {"process nam a\na action NOP\n",
+     -1,
+     {at + "1]: Invalid process name entry found: nam \n", refused, at + "2]: Invalid keyword found: a \n",
+      refused}},
+    {"process name a\na nope 1\n", -1, {at + "2]: Invalid process param name found: nope \n", refused}},
+    {"process name a\na process_type daemon\n",
+     -1,
+     {at + "2]: process_type [daemon] is not valid\n",
+      "Updating process related data to process table is failed\n", refused}},
+    {"process name 123456789012345678901234567890123456789012345678901\n",
+     -1,
+     {at + "1]: Process name is longer than 50 characters: "
+           "123456789012345678901234567890123456789012345678901 \n",
+      refused}},
+    {"global wd_timeout -1\nglobal vm_failover On\nglobal debug_mode enable\n",
+     0,
+     {at + "1]: wd_timeout value[4294967295] is not in valid range[2 - 60]. Considering default value: 8\n",
+      at + "2]: [On] mode is not valid. Considering default mode: ENABLE\n",
+      at + "3]: [enable] mode is not valid. Considering default mode: DISABLE\n"}},
+    {"process name a\na start_cmd \"x\"\na process_type NORMAL\na action restart\n",
+     0,
+     {at + "4]: action [restart] is not valid. Considering default mode: NOP\n"}},
+    {"process name a\na process_type NORMAL\n",
+     -1,
+     {"Mandatory param [start_cmd] of  process 'a' not found in config file\n", unmet}},
+    {"process name a\na start_cmd \"x\"\n",
+     -1,
+     {"Mandatory param [process_type] of  process 'a' not found in config file\n", unmet}},
+};
+
+TEST_F(ConfigSandbox, EveryFaultIsNamedWithItsLine)
+{
+    size_t seen = 0;
+    const auto expect_lines = [&](const std::vector<std::string>& lines) {
+        for (const std::string& line : lines) {
+            EXPECT_EQ(vm->wait_for(HOST_ANY, line, std::chrono::seconds(5), seen).number, seen + 1) << line;
+            ++seen;
+        }
+    };
+    EXPECT_EQ(read_config(), -1);
+    expect_lines({"Config file: /etc/config/halvo.conf not found\n"});
+    for (const faulty_file& file : faulty_files) {
+        write_config(file.text);
+        EXPECT_EQ(read_config(), file.result) << file.text;
+        expect_lines(file.lines);
+    }
+    std::string eleven;
+    for (int i = 0; i < 11; ++i) {
+        eleven += "process name p\np start_cmd \"x\"\np process_type SYSTEM\n";
+    }
+    write_config(eleven);
+    EXPECT_EQ(read_config(), -1);
+    EXPECT_EQ(vm_info_g.mon_proc_num, 10);
+    expect_lines({"No: of process entry in config file is more than max process limit [10]\n", refused,
+                  at + "32]: Invalid keyword found: p \n", refused, at + "33]: Invalid keyword found: p \n",
+                  refused});
+}
+
+TEST_F(ConfigSandbox, ValuesEndUpInTheirFields)
+{
+    write_config(
+        "global version 3 extra words\nglobal res_monit_interval 5#x\nglobal vm_mem_high_water 2147483640\n"
+        "process name a\n a \t start_cmd \"\"/a b\" trailing\r\na process_type DAEMON\na action VM_FAILOVER\n"
+        "a recur_fail_interval 1\na stop_cmd \"no end\nglobal debug_mode ENABLE\n"
+        "a proc_cpu_total_high_water 7\na proc_cpu_total_high_water 8\na pre_start_cmd \"" +
+        std::string(1100, 'x') + "\"\n# the cut line goes on as the next one\n");
+    EXPECT_EQ(read_config(), -1);  // for the remainder of the long line
+    const halvo_child_proc_info_st& a = child_proc_table_g[0];
+    EXPECT_EQ(vm_info_g.version, 3);
+    EXPECT_EQ(vm_info_g.res_mon_intvl, 5);
+    EXPECT_EQ(vm_info_g.mem_high_water, 2147483640U);
+    EXPECT_EQ(vm_info_g.debug_mode_flag, ENABLE);
+    EXPECT_STREQ(a.start_cmd, "/a b");
+    EXPECT_STREQ(a.stop_cmd, "no end\n");
+    EXPECT_STREQ(a.post_start_cmd, INVALID_CMD);
+    EXPECT_EQ(a.proc_type, DAEMON);
+    EXPECT_EQ(a.action, VM_FAILOVER);
+    EXPECT_EQ(a.recur_fail_intvl, 0);
+    EXPECT_EQ(a.proc_cpu_tot_high_water, 8);
+    EXPECT_EQ(strlen(a.pre_start_cmd), 1023 - strlen("a pre_start_cmd \""));
+}
+
+// Bytes at random, and words of the real syntax in random order, which get further.
+TEST_F(ConfigSandbox, RandomFilesNeverCrashTheReader)
+{
+    static const std::vector<std::string> words = {"global",
+                                                   "process",
+                                                   "name",
+                                                   "p",
+                                                   "start_cmd",
+                                                   "process_type",
+                                                   "NORMAL",
+                                                   "action",
+                                                   "NOP",
+                                                   "stop_cmd",
+                                                   "\"",
+                                                   "\"x y\"",
+                                                   "#",
+                                                   "\n",
+                                                   "\n",
+                                                   "\r",
+                                                   "\t",
+                                                   "999999999999",
+                                                   "wd_timeout",
+                                                   "debug_mode",
+                                                   std::string("\0", 1),
+                                                   std::string(1200, 'q'),
+                                                   std::string(49, 'n')};
+    std::mt19937 random(1);
+    halvo_log_close();  // what it says is not looked at here
+    for (int file = 0; file < 10000; ++file) {
+        std::string text;
+        for (auto left = random() % 60; left > 0; --left) {
+            text += file % 2 == 0 ? words.at(random() % words.size()) + " "
+                                  : std::string(1, static_cast<char>(random()));
+        }
+        write_config(text);
+        read_config();
+        ASSERT_GE(vm_info_g.mon_proc_num, 0);
+        ASSERT_LE(vm_info_g.mon_proc_num, MAX_PROC_NUM);
+    }
+}

@@ -1,0 +1,16 @@
+// What the preloaded library and the host say to each other over the simulated device's socket: one record
+// from the host answers the open, then each ioctl is one record there and one back. Anything that is not
+// such a record is what the daemon itself wrote to the device.
+
+#pragma once
+
+#include <cstdint>
+
+constexpr uint32_t WATCHDOG_WIRE_MAGIC = 0x57444f47;  // nobody writes this to a watchdog by chance
+
+struct watchdog_wire_st {
+    uint32_t magic;
+    uint32_t request;
+    int32_t value;
+    int32_t error;  // errno of the answer, 0 = success
+};
