@@ -100,6 +100,16 @@ size_t host::count(int priority, const std::string& text, size_t after, size_t b
     }));
 }
 
+std::string host::text_between(size_t after, size_t before)
+{
+    const std::lock_guard guard(lock_);
+    std::string text;
+    for (size_t i = after; i + 1 < before; ++i) {
+        text += events_[i].text;
+    }
+    return text;
+}
+
 std::string host::describe(const host_event& event) const
 {
     static constexpr std::array words{"DEVICE",  "EMERG",  "ALERT", "CRIT", "ERR",

@@ -63,6 +63,9 @@ public:
     // How many such events there were, of those numbered above `after` and below `before`.
     size_t count(int priority, const std::string& text, size_t after = 0, size_t before = SIZE_MAX);
 
+    // The texts of the events numbered above `after` and below `before`, one behind the other.
+    std::string text_between(size_t after, size_t before);
+
     // One line for people: "+12.345 ALERT   text".
     std::string describe(const host_event& event) const;
 

@@ -5,6 +5,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <syslog.h>
 
 #include <array>
 #include <filesystem>
@@ -52,6 +53,15 @@ void Sandbox::TearDown()
     for (const char* const place : OWN_PLACES) {
         check(umount2(place, MNT_DETACH) == 0, place);
     }
+}
+
+std::string Sandbox::new_log()
+{
+    halvo_log(LOG_INFO, "end of log\n");
+    const size_t end = vm->wait_for(LOG_INFO, "end of log\n", std::chrono::seconds(20), log_mark_).number;
+    const std::string text = vm->text_between(log_mark_, end);
+    log_mark_ = end;
+    return text;
 }
 
 void Sandbox::write_file(const std::string& path, const std::string& text, mode_t mode)
@@ -112,7 +122,12 @@ pid_t Sandbox::start_daemon(const std::string& environment)
 
 Sandbox::run_result Sandbox::run_halvo(const std::string& arguments, std::chrono::seconds patience)
 {
-    const pid_t pid = start(HALVO_EXECUTABLE " " + arguments + " </dev/null >/var/client.out 2>&1");
+    return run(HALVO_EXECUTABLE " " + arguments, patience);
+}
+
+Sandbox::run_result Sandbox::run(const std::string& command, std::chrono::seconds patience)
+{
+    const pid_t pid = start(command + " </dev/null >/var/client.out 2>&1");
     const int status = wait_exit(pid, patience);
     return {status, read_file("/var/client.out")};
 }

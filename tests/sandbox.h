@@ -41,11 +41,18 @@ protected:
     // says outside the log is looked through for sanitizers' findings when the test ends.
     static pid_t start_daemon(const std::string& environment = "");
 
-    // The executable with arguments, to its end.
+    // A command to its end, and the executable with arguments.
+    static run_result run(const std::string& command, std::chrono::seconds patience);
     static run_result run_halvo(const std::string& arguments, std::chrono::seconds patience);
 
     // Exit status, or 128 + signal. Throws std::runtime_error when the process is still there.
     static int wait_exit(pid_t pid, std::chrono::seconds patience);
 
+    // What this process has logged since the last call, all lines in one text.
+    std::string new_log();
+
     std::unique_ptr<host> vm;
+
+private:
+    size_t log_mark_ = 0;
 };

@@ -97,7 +97,7 @@ TEST_F(WatchdogSandbox, ADeadDaemonLeavesTheDeviceArmed)
 {
     write_config(quick + worker("NOP"));
     const pid_t daemon = start_daemon();
-    vm->wait_for(HOST_DEVICE, "keepalive", seconds(20));
+    vm->wait_for(LOG_INFO, "Process manager started: pid [*]\n", seconds(20));
     ASSERT_EQ(kill(daemon, SIGTERM), 0);
     EXPECT_EQ(wait_exit(daemon, seconds(20)), 128 + SIGTERM);
     ASSERT_EQ(kill(find_process("sleep"), SIGKILL), 0);  // outlives its supervisor
