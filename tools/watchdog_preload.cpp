@@ -1,4 +1,4 @@
-// Preloaded into the daemon: "/dev/watchdog" becomes a connection to the simulated device of tests/host.
+// Preloaded into the daemon: "/dev/watchdog" becomes a connection to the simulated device of host.h.
 // The descriptor is a real one, so write, close, close-on-exec and inheritance need no help from here.
 // Besides, no fork succeeds while there is a file /tmp/no_fork.
 

@@ -2,6 +2,7 @@
 //   probe run             stays
 //   probe report          logs, in one line, the signal masks and the descriptors it was given, then stays
 //   probe daemonize       detaches itself and stays
+//   probe burn            keeps a CPU busy
 //   probe exit N          ends with status N
 
 #include <syslog.h>
@@ -44,6 +45,6 @@ int main(int argc, char** argv)
         return 0;
     }
     for (;;) {
-        pause();
+        role == "burn" ? getppid() : pause();
     }
 }

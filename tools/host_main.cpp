@@ -1,4 +1,6 @@
-// Prints live what the host of tests/host sees: "halvo_host [--color=always|auto]".
+// Prints live what the host and the heartbeat's peer see: "halvo_host [--color=always|auto]".
+
+#include <netinet/in.h>
 
 #include <array>
 #include <cstdio>
@@ -11,11 +13,33 @@
 static constexpr std::array COLOURS{"\033[36m", "\033[1;31m", "\033[1;31m", "\033[1;31m", "\033[31m",
                                     "\033[33m", "",           "",           "\033[2m"};
 
+// Tells every 20th datagram, from the first on, and when none has come for a second, the last.
+static void receive_heartbeat(const host& surroundings, int port)
+{
+    host_event event{0, {}, HOST_DEVICE, 0, "", ""};
+    for (uint32_t count = 0, magic = 0;;) {
+        const bool came = recv(port, &magic, 4, MSG_TRUNC) == 4 && magic == htole32(0xFEDCBAAB);
+        event.when = came ? host_clock::now() : event.when;
+        event.text = "heartbeat " + std::to_string(came ? ++count : count) + (came ? "" : " was the last");
+        if (came ? count % 20 == 1 : count > 0) {
+            std::string line = surroundings.describe(event);
+            puts(line.replace(line.find("DEVICE"), 6, "PEER  ").c_str());
+        }
+        count = came ? count : 0;
+    }
+}
+
 int main(int argc, char** argv)
 try {
     const bool coloured = isatty(STDOUT_FILENO) != 0 || (argc > 1 && strcmp(argv[1], "--color=always") == 0);
     setvbuf(stdout, nullptr, _IOLBF, 0);
     host surroundings;
+    const int port = socket(AF_INET, SOCK_DGRAM, 0);
+    const sockaddr_in address{AF_INET, htons(54321), {htonl(INADDR_LOOPBACK)}, {}};
+    const timeval silence{1, 0};
+    setsockopt(port, SOL_SOCKET, SO_RCVTIMEO, &silence, sizeof silence);
+    bind(port, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    std::thread(receive_heartbeat, std::cref(surroundings), port).detach();
     // Lets a reader lay his own clock beside the times that follow.
     const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
     printf("+00.000 DEVICE  ready at %.6f\n", now.count());
