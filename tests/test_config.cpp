@@ -23,7 +23,7 @@ static int read_config()
 
 TEST_F(ConfigSandbox, TheExampleIsAcceptedWithoutAWord)
 {
-    write_config(read_file(HALVO_SOURCE_DIR "/config/halvo.conf"));
+    write_config(read_file(HALVO_DATA "halvo.conf"));
     EXPECT_EQ(read_config(), 0);
     EXPECT_EQ(vm_info_g.mon_proc_num, 2);
     EXPECT_EQ(vm->count(HOST_ANY, "*"), 0U);

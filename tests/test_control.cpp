@@ -23,8 +23,6 @@
 #include "halvo_utils.h"
 #include "sandbox.h"
 
-#define DATA HALVO_SOURCE_DIR "/tests/data/"
-
 using ControlSandbox = Sandbox;
 using std::chrono::seconds;
 
@@ -47,7 +45,7 @@ TEST_F(ControlSandbox, ReportsAreExactInTheReplyAndInTheLog)
 {
     write_file("/tmp/cmd", "/bin/sleep 1\n");
     setenv("TZ", "UTC", 1);
-    load(read_file(DATA "full.conf"));
+    load(read_file(HALVO_DATA "full.conf"));
     halvo_child_proc_info_st& a = child_proc_table_g[0];
     vm_info_g.vm_failover_flag = DISABLE;
     vm_info_g.halvo_pid = 4711;
@@ -72,7 +70,7 @@ TEST_F(ControlSandbox, ReportsAreExactInTheReplyAndInTheLog)
     std::string status(MSG_BUFFER_SIZE, '\0');
     halvo_display_config_details(config.data());
     halvo_display_status_info(status.data());
-    const std::string full_report = read_file(DATA "full_report.txt");
+    const std::string full_report = read_file(HALVO_DATA "full_report.txt");
     EXPECT_EQ(std::string(config.c_str()) + status.c_str(), full_report);
     new_log();
     halvo_sigusr1_cb();
@@ -157,7 +155,7 @@ TEST_F(ControlSandbox, AnUpdateLeavesInForceWhatCameBeforeItsFault)
              return b.recur_fail_intvl == 60 && b.proc_mem_low_water == 6 && halvo_has_command(b.stop_cmd);
          }},
     };
-    const std::string base_config = read_file(DATA "update_base.conf");
+    const std::string base_config = read_file(HALVO_DATA "update_base.conf");
     write_file("/tmp/cmd", "/bin/sleep 1 x\n");
     for (const update& change : updates) {
         load(base_config);
@@ -299,7 +297,7 @@ TEST_F(ControlSandbox, OptionsAreTakenInTheirOrder)
               "halvo: invalid option -- word  (-h will show valid options)\n");
     const run_result help = run_halvo("-c -h -x", seconds(20));
     EXPECT_EQ(help.status, 0);
-    EXPECT_EQ(help.output, read_file(DATA "help.txt"));
+    EXPECT_EQ(help.output, read_file(HALVO_DATA "help.txt"));
 
     write_config("global vm_failover DISABLE\n");
     start_daemon();
