@@ -2,9 +2,11 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <syslog.h>
 
 #include <algorithm>
-#include <sstream>
+#include <filesystem>
+#include <fstream>
 
 #include "halvo_heartbeat.h"
 #include "sandbox.h"
@@ -12,23 +14,51 @@
 using HeartbeatSandbox = Sandbox;
 using namespace std::chrono_literals;
 
-// In a row ";" is a line feed, a first "~" 5000 letters; the addresses that hold afterwards stand behind "=".
+static constexpr const char* info = "/var/heartbeat_info";
+
 TEST_F(HeartbeatSandbox, ALineGivesBothAddressesAndAFaultyOneBothDefaults)
 {
     halvo_vm_info_st record{};
     halvo_heartbeat_ip_init(&record);  // no file yet
-    std::istringstream table(R"(=0.0.0.0 0.0.0.0/ eth8_0 10.1.1.2 10.1.1.1; =10.1.1.2 10.1.1.1/
-;	 eth4_0	1.0.0.1	1.0.0.2=1.0.0.1 1.0.0.2/ eth4_0 1.0.0.1 x;eth8_0 1.0.0.3 1.0.0.4;=192.168.2.1 192.168.2.2/
-eth4_0 1.0.0.1 1.0.0.2;~;eth8_0 1.0.0.3 1.0.0.4 x;=1.0.0.3 1.0.0.4/ eth8_0=192.168.2.1 192.168.2.2/
-~ eth8_0 9.9.9.9 9.9.9.9;eth8_0 1.0.0.1 1.0.0.2;eth8 x;eth8_00 x;ETH8_0 x;#eth8_0;x eth8_0 x;=1.0.0.1 1.0.0.2/
-eth8_0  10.1.1.2 10.1.1.1;=192.168.2.1 192.168.2.2/ eth8_0 1.2.3.4 5.6.7.8~=192.168.2.1 192.168.2.2/)");
-    for (std::string row, pair; getline(table >> std::ws, row, '=') && getline(table, pair, '/');) {
-        std::replace(row.begin(), row.end(), ';', '\n');
-        write_file("/var/heartbeat_info", std::string(row.starts_with('~') ? 5000 : 0, 'x') + row);
+    EXPECT_EQ(record.heartbeat_remote_ip, 0U);
+    std::ifstream table(HALVO_DATA "addresses.txt");
+    for (std::string line; getline(table, line);) {
+        if (line.starts_with('#')) {
+            continue;
+        }
+        std::replace(line.begin(), line.end(), ';', '\n');
+        const std::string text = line.substr(0, line.find("= "));
+        write_file(info, text.starts_with('~') ? std::string(5000, 'x') + text.substr(1) : text);
         halvo_heartbeat_ip_init(&record);
         const std::string remote = inet_ntoa({record.heartbeat_remote_ip});
-        EXPECT_EQ(remote + " " + inet_ntoa({record.heartbeat_local_ip}), pair) << row;
+        EXPECT_EQ(remote + " " + inet_ntoa({record.heartbeat_local_ip}), line.substr(text.size() + 2))
+            << text;
     }
+}
+
+// Whatever moment a rewrite is met at, both addresses are of one line or both are the defaults.
+TEST_F(HeartbeatSandbox, RewritesNeverLeaveAMixOrADescriptor)
+{
+    write_file(info, "eth8_0 10.0.0.1 10.0.0.2\n");
+    write_config("global vm_failover DISABLE\n");
+    const pid_t daemon = start_daemon();
+    vm->wait_for(LOG_INFO, "lunet pid 0", 20s);
+    const std::string open_files = "/proc/" + std::to_string(daemon) + "/fd";
+    const auto descriptors = [&] {
+        return std::distance(std::filesystem::directory_iterator(open_files), {});
+    };
+    const auto before = descriptors();
+    for (int rewrite = 0; rewrite < 1000; ++rewrite) {
+        write_file(info, rewrite % 2 == 0 ? "eth8_0 10.0.0.1 x\n" : "eth4_0 10.0.0.1 10.0.0.2\n");
+    }
+    write_file(info, "eth8_0 10.0.0.9 10.0.0.8\n");
+    vm->wait_for(LOG_INFO, "remote ip 0xa000009 local 0xa000008\n", 20s);
+    EXPECT_EQ(vm->count(LOG_INFO, "remote ip *"),
+              vm->count(LOG_INFO, "remote ip 0xa000001 local 0xa000002\n") +
+                  vm->count(LOG_INFO, "remote ip 0xc0a80201 local 0xc0a80202\n") +
+                  vm->count(LOG_INFO, "remote ip 0xa000009 local 0xa000008\n"));
+    EXPECT_GT(vm->count(LOG_INFO, "remote ip 0xc0a80201 *"), 0U);
+    EXPECT_EQ(descriptors(), before);
 }
 
 TEST_F(HeartbeatSandbox, BeatsEvery50MsUntilAProcessIsLost)
@@ -47,7 +77,7 @@ TEST_F(HeartbeatSandbox, BeatsEvery50MsUntilAProcessIsLost)
     start("/tmp/lunet run");
     for (const auto& [name, line] : {std::pair("lunet", "Stop*"), std::pair("sleep", "No: of times*[2]*")}) {
         std::vector<host_clock::time_point> beats;
-        write_file("/var/heartbeat_info", "eth8_0 127.0.0.1 10.0.0.1\n");
+        write_file(info, "eth8_0 127.0.0.1 10.0.0.1\n");
         find_process("lunet");
         const pid_t daemon = start_daemon();
         do {  // a loaded machine is given the time for 40 beats in 2 s
