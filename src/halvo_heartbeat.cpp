@@ -19,6 +19,7 @@
 
 #include "halvo_log.h"
 #include "halvo_process.h"
+#include "halvo_utils.h"
 
 static constexpr const char* ADDRESS_FILE = "/var/heartbeat_info";
 static constexpr const char* DATA_PLANE_NAME = "lunet";
@@ -359,6 +360,7 @@ void* halvo_heartbeat_thread(void* thread_arg)
 {
     auto* vm_info = static_cast<halvo_vm_info_st*>(thread_arg);
     file_watch_st file_watch{};
+    halvo_raise_priority();
     start_heartbeat(vm_info, &file_watch);
     while (true) {
         serve_next_event(vm_info, file_watch);

@@ -1,5 +1,6 @@
 #include "halvo_utils.h"
 
+#include <sched.h>
 #include <syslog.h>
 
 #include <array>
@@ -35,6 +36,12 @@ int halvo_read_clock(time_t* now)
         return -1;
     }
     return 0;
+}
+
+void halvo_raise_priority()
+{
+    const sched_param priority = {.sched_priority = 1};
+    sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &priority);
 }
 
 bool halvo_has_command(const char* command)
