@@ -18,6 +18,7 @@ extern "C" {
 }
 
 #include "halvo_log.h"
+#include "halvo_private.h"
 
 namespace fs = std::filesystem;
 
@@ -39,8 +40,18 @@ void Sandbox::SetUp()
     halvo_log_open();  // for tests that call the daemon's code themselves
 }
 
+// Where a test runs the daemon's signal thread in this process, it must not start again what is killed here.
+static void stop_restarts()
+{
+    const std::lock_guard guard(halvo_table_lock_g);
+    for (halvo_child_proc_info_st& entry : child_proc_table_g) {
+        entry.action = NOP;
+    }
+}
+
 void Sandbox::TearDown()
 {
+    stop_restarts();
     while (kill(-1, SIGKILL) == 0) {  // orphans are reaped by the first process, and only it knows when
         if (waitpid(-1, nullptr, 0) < 0) {
             sched_yield();

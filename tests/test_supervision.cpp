@@ -52,6 +52,8 @@ TEST_F(SupervisionSandbox, NoExitIsLostBesideScriptsAndPidof)
     for (halvo_child_proc_info_st& entry : child_proc_table_g) {
         ASSERT_EQ(halvo_start_process(&entry), 0);
     }
+    // A line that is still on its way must not pass for a restart.
+    vm->wait_for(LOG_INFO, "Process 'w9' started; *", seconds(20));
     const std::jthread scripts([](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
             halvo_execute_script("/bin/true");
