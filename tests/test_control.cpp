@@ -213,7 +213,11 @@ TEST_F(ControlSandbox, UpdatesAndReportsStandAStorm)
             }
         }
     });
-    for (int round = 0; round < 1000; ++round) {
+    const auto starts = [] {
+        const std::lock_guard guard(halvo_table_lock_g);
+        return child_proc_table_g[0].spawn_count;
+    };
+    for (int round = 0; round < 1000 || starts() < 100; ++round) {
         std::string text(MSG_BUFFER_SIZE, '\0');
         if (round % 5 == 0) {
             write_config(with_command(round % 2 == 0 ? 'b' : 'a'));
@@ -227,7 +231,7 @@ TEST_F(ControlSandbox, UpdatesAndReportsStandAStorm)
     const std::string started = "Process '*' started; start cmd [/tmp/worker run ";
     const size_t whole = vm->count(LOG_INFO, started + std::string(900, 'a') + "]\n", 0, end) +
                          vm->count(LOG_INFO, started + std::string(900, 'b') + "]\n", 0, end);
-    EXPECT_GT(whole, 30U);
+    EXPECT_GT(whole, 100U);
     EXPECT_EQ(whole, vm->count(LOG_INFO, started + "*", 0, end));
 }
 
