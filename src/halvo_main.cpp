@@ -4,6 +4,7 @@
 #include "halvo_main.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -200,6 +201,9 @@ static unsigned start_server()
         halvo_fatal_exit("Signal initialization failed. Process manager is exiting\n");
     }
     load_tables();
+    // Best effort, once every thread has its stack: under memory pressure the keepalives would wait for our
+    // own pages to be read in again. Only what is in use is locked, and no program we start inherits it.
+    mlockall(MCL_CURRENT | MCL_ONFAULT);
     start_normal_processes();
     halvo_log(LOG_INFO, "Process manager started: pid [%d]\n", vm_info_g.halvo_pid);
     halvo_log(LOG_INFO, "To log process manager details; use command: kill -SIGUSR1 %d\n",
