@@ -5,11 +5,13 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 
 #include "halvo_client.h"
@@ -25,6 +27,7 @@
 #include "halvo_watchdog.h"
 #include "halvo_watermark.h"
 
+static constexpr const char* LOCK_FILE = "/run/halvo.lock";
 static constexpr time_t INIT_TIME = 10;  // seconds a process must have run to count as started
 
 static const std::array<halvo_sig_tbl_st, 2> signal_tbl_g = {{
@@ -120,6 +123,23 @@ static void open_standard_descriptors()
     }
 }
 
+// A second daemon would start every process once more and take over the control socket. The kernel lets go of
+// the lock when the process ends, however it ends, and no fork passes it on. See fcntl_locking(2).
+static void lock_instance()
+{
+    const int fd = open(LOCK_FILE, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    if (fd != -1 && fcntl(fd, F_SETLK, &whole) == 0) {
+        return;
+    }
+    if (fd != -1 && (errno == EACCES || errno == EAGAIN)) {
+        halvo_fatal_exit("Process manager is already running. Process manager is exiting\n");
+    }
+    halvo_log(LOG_ERR, "Unable to lock %s\n", LOCK_FILE);
+    halvo_log_errno(LOG_ERR);
+}
+
 static void validate_commands(halvo_child_proc_info_st* proc_info)
 {
     if (halvo_check_file_exists(proc_info) != 0) {
@@ -196,6 +216,7 @@ static unsigned start_server()
 {
     open_standard_descriptors();
     halvo_log_open();
+    lock_instance();
     if (halvo_signal_init() != 0) {
         halvo_fatal_exit("Signal initialization failed. Process manager is exiting\n");
     }
