@@ -42,6 +42,21 @@ static void report_failure(const char* message)
     printf("%s [errno: %d]\n", halvo_error_text(error), error);
 }
 
+// The socket lies where everybody can create files: whoever was there first must not answer for the daemon.
+static int check_peer(int sockfd)
+{
+    ucred peer{};
+    socklen_t length = sizeof(peer);
+    if (getsockopt(sockfd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        return -1;
+    }
+    if (peer.uid != 0 && peer.uid != geteuid()) {
+        errno = EPERM;
+        return -1;
+    }
+    return 0;
+}
+
 int create_socket_and_connect()
 {
     const sockaddr_un address = halvo_socket_address();
@@ -50,7 +65,8 @@ int create_socket_and_connect()
         report_failure("Unable to create socket");
         return -1;
     }
-    if (connect(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1) {
+    if (connect(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1 ||
+        check_peer(sockfd) != 0) {
         report_failure("Unable to connect to sockfd");
         close(sockfd);
         return -1;

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 #include "halvo_log.h"
@@ -159,7 +158,7 @@ static int read_start_cmd_file(halvo_child_proc_info_st* proc_info, const char* 
         halvo_log_errno(LOG_ERR);
         return -1;
     }
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(file_name, "re"), fclose);
+    const halvo_file file = halvo_open_file(file_name);
     if (file == nullptr) {
         log_unreadable_start_cmd_file(file_name);
         return -1;

@@ -21,7 +21,8 @@
 static constexpr int LISTEN_BACKLOG = 5;
 static constexpr timeval RECEIVE_TIMEOUT = {.tv_sec = 5,
                                             .tv_usec = 0};  // what a silent client costs the next
-static constexpr unsigned MAX_PAUSE = 60;                   // seconds between failing attempts
+static constexpr timeval ACCEPT_TIMEOUT = {.tv_sec = 10, .tv_usec = 0};
+static constexpr unsigned MAX_PAUSE = 60;  // seconds between failing attempts
 
 static halvo_ctrl_handler_st ctrl_handler_data_g;
 
@@ -166,17 +167,24 @@ static void pause_after_failure(unsigned* pause_seconds)
 static void remove_old_socket()
 {
     struct stat status {};
-    if (stat(HALVO_SOCKET, &status) == 0 && unlink(HALVO_SOCKET) != 0) {
+    if (lstat(HALVO_SOCKET, &status) == 0 && unlink(HALVO_SOCKET) != 0) {
         halvo_log(LOG_ERR, "Unable to unlink halvo_socket\n");
     }
 }
 
-// Returns the listening socket, or -1 with messages. Its file is the owner's alone from the start: the mode
+// The listening socket, and the file that it was bound to.
+struct server_socket_st {
+    int fd;
+    struct stat file;
+};
+
+// Returns 0, or -1 with messages. The socket's file is the owner's alone from the start: the mode
 // is the socket's own before it has a name, since a umask would be inherited by every process we start.
-static int open_server_socket()
+static int open_server_socket(server_socket_st* server)
 {
     const sockaddr_un server_address = halvo_socket_address();
     const int server_sockfd = socket(AF_UNIX, SOCK_STREAM, 0);
+    setsockopt(server_sockfd, SOL_SOCKET, SO_RCVTIMEO, &ACCEPT_TIMEOUT, sizeof(ACCEPT_TIMEOUT));
     fchmod(server_sockfd, S_IRUSR | S_IWUSR);
     const bool bound =
         bind(server_sockfd, reinterpret_cast<const sockaddr*>(&server_address), sizeof(server_address)) == 0;
@@ -188,14 +196,25 @@ static int open_server_socket()
         halvo_log(LOG_ERR, "Unable to listen server_sockfd\n");
         halvo_log_errno(LOG_ERR);
     }
-    if (bound && listening) {
-        return server_sockfd;
+    server->fd = server_sockfd;
+    if (bound && listening && stat(HALVO_SOCKET, &server->file) == 0) {
+        return 0;
     }
     close(server_sockfd);
     return -1;
 }
 
-static void serve_for_ever(int server_sockfd)
+// A file of ours stays what it was, its number too, for as long as the socket is open.
+static bool is_reachable(const server_socket_st& server)
+{
+    struct stat file {};
+    return stat(HALVO_SOCKET, &file) == 0 && file.st_dev == server.file.st_dev &&
+           file.st_ino == server.file.st_ino;
+}
+
+// Serves one connection after the other. Returns when the socket's file was removed or replaced, which is
+// looked for when nobody came for a while: nobody could switch failover off any more.
+static void serve_clients(const server_socket_st& server)
 {
     unsigned pause_seconds = 1;
     while (true) {
@@ -203,9 +222,13 @@ static void serve_for_ever(int server_sockfd)
         socklen_t client_len = sizeof(client_address);
         ctrl_handler_data_g = {};
         const int client_sockfd =
-            accept(server_sockfd, reinterpret_cast<sockaddr*>(&client_address), &client_len);
+            accept(server.fd, reinterpret_cast<sockaddr*>(&client_address), &client_len);
         if (client_sockfd == -1) {
-            if (errno != EINTR) {
+            if (errno == EAGAIN) {
+                if (!is_reachable(server)) {
+                    return;
+                }
+            } else if (errno != EINTR) {
                 halvo_log(LOG_ERR, "Unable to accept server_sockfd\n");
                 halvo_log_errno(LOG_ERR);
                 pause_after_failure(&pause_seconds);
@@ -223,15 +246,19 @@ static void serve_for_ever(int server_sockfd)
 
 void* halvo_ctrl_handler_thread(void*)
 {
+    server_socket_st server{};
     unsigned pause_seconds = 1;
     remove_old_socket();
     halvo_log(LOG_DEBUG, "halvo_ctrl_handler_thread: Thread started\n");
-    int server_sockfd = open_server_socket();
-    while (server_sockfd == -1) {
-        pause_after_failure(&pause_seconds);
+    while (true) {
+        if (open_server_socket(&server) == 0) {
+            pause_seconds = 1;
+            serve_clients(server);
+            halvo_log(LOG_ERR, "halvo_socket is gone. Binding it again\n");
+            close(server.fd);
+        } else {
+            pause_after_failure(&pause_seconds);
+        }
         remove_old_socket();
-        server_sockfd = open_server_socket();
     }
-    serve_for_ever(server_sockfd);
-    return nullptr;
 }

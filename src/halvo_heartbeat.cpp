@@ -161,7 +161,7 @@ int halvo_heartbeat_ip_init(halvo_vm_info_st* vm_info)
 {
     std::array<char, LINE_SIZE> line;
     line_reader_st reader{};
-    reader.fd = open(ADDRESS_FILE, O_RDONLY | O_CLOEXEC);
+    reader.fd = open(ADDRESS_FILE, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (reader.fd == -1) {
         halvo_log(LOG_INFO, "\nUnable to open %s file. Assuming default IP - 192.168.2.2\n", ADDRESS_FILE);
         return 0;

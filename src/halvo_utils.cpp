@@ -1,12 +1,11 @@
 #include "halvo_utils.h"
 
+#include <fcntl.h>
 #include <sched.h>
 #include <syslog.h>
 
 #include <array>
-#include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "halvo_log.h"
 #include "halvo_params.h"
@@ -25,6 +24,12 @@ void halvo_copy_text(char* field, size_t size, const char* text)
     const size_t length = strnlen(text, size - 1);
     memcpy(field, text, length);
     field[length] = '\0';
+}
+
+halvo_file halvo_open_file(const char* path)
+{
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    return {fd == -1 ? nullptr : fdopen(fd, "r"), fclose};
 }
 
 int halvo_read_clock(time_t* now)
@@ -216,7 +221,7 @@ int halvo_read_confile(halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc
         return -1;
     }
     {
-        const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(HALVO_CONFIG_FILE, "re"), fclose);
+        const halvo_file file = halvo_open_file(HALVO_CONFIG_FILE);
         if (file == nullptr) {
             halvo_log(LOG_ALERT, "Config file: %s not found\n", HALVO_CONFIG_FILE);
             return -1;

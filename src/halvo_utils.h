@@ -8,7 +8,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdio>
 #include <ctime>
+#include <memory>
 
 #include "halvo_private.h"
 
@@ -28,6 +30,11 @@ const char* file_basename(const char* path);
 
 // Copies a text into a field of the given size in bytes, cut where it does not fit, always terminated.
 void halvo_copy_text(char* field, size_t size, const char* text);
+
+// Opens a file for reading, or returns null with errno. A FIFO without a writer is empty: waiting for one
+// would stop the calling thread for good. See open(2).
+using halvo_file = std::unique_ptr<FILE, int (*)(FILE*)>;
+halvo_file halvo_open_file(const char* path);
 
 // Reads the wall clock, seconds since the epoch. Returns 0, or -1 with messages. See time(2).
 int halvo_read_clock(time_t* now);

@@ -1,5 +1,6 @@
 // Command lines cut into words, and the forms of a start command.
 
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <string>
@@ -56,6 +57,7 @@ TEST_F(CommandSandbox, StartCommandsAreCheckedAndResolved)
 {
     write_file("/tmp/cmd", "/bin/sleep 9\r\nsecond line\n");
     write_file("/tmp/empty", "");
+    ASSERT_EQ(mkfifo("/tmp/fifo", 0600), 0);
     const std::vector<start_command> cases = {
         {"/bin/sleep 9", NOP, 0, NORMAL, "/bin/sleep 9", INVALID_CMD, ""},
         {"tool /tmp/cmd", NOP, 0, NORMAL, "tool /tmp/cmd", INVALID_CMD, ""},
@@ -64,6 +66,7 @@ TEST_F(CommandSandbox, StartCommandsAreCheckedAndResolved)
          "action [process restart] is not valid for system spawned process\n"},
         {"START_CMD_FILE /tmp/cmd", NOP, 0, NORMAL, "/bin/sleep 9", "START_CMD_FILE /tmp/cmd", ""},
         {"START_CMD_FILE /tmp/empty", NOP, 0, NORMAL, "START_CMD_FILE /tmp/empty", INVALID_CMD, ""},
+        {"START_CMD_FILE /tmp/fifo", NOP, 0, NORMAL, "START_CMD_FILE /tmp/fifo", INVALID_CMD, ""},
         {"START_CMD_FILE /no", NOP, -1, NORMAL, "START_CMD_FILE /no", INVALID_CMD,
          "[START_CMD_FILE /no]: The start command file [/no] doesn't exist\n"},
         {"START_CMD_FILE", NOP, -1, NORMAL, "START_CMD_FILE", INVALID_CMD,

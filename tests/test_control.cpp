@@ -318,6 +318,37 @@ TEST_F(ControlSandbox, OptionsAreTakenInTheirOrder)
     EXPECT_EQ(run("bash -c 'exec 3> >(:); wait $!; " HALVO_EXECUTABLE " -c >&3'", seconds(20)).status, 0);
 }
 
+TEST_F(ControlSandbox, NobodyComesBetweenTheOperatorAndTheOneDaemon)
+{
+    const sockaddr_un address = halvo_socket_address();
+    const host_fd stranger{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    ASSERT_EQ(seteuid(65534), 0);
+    ASSERT_EQ(bind(stranger.fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    ASSERT_EQ(listen(stranger.fd, 1), 0);
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_EQ(run_halvo("-w", seconds(20)).output,
+              "Unable to connect to sockfd\nOperation not permitted [errno: 1]\n");
+    ASSERT_EQ(unlink(HALVO_SOCKET), 0);
+    ASSERT_EQ(symlink("/nowhere", HALVO_SOCKET), 0);
+
+    write_config(
+        "global vm_failover DISABLE\nprocess name w\nw process_type NORMAL\nw action PROC_RESTART\n"
+        "w start_cmd \"/bin/sleep 1000\"\n");
+    start_daemon();
+    vm->wait_for(LOG_INFO, "Process manager started: pid [*]\n", seconds(20));
+    EXPECT_EQ(run_halvo("", seconds(20)).status, 1);
+    vm->wait_for(LOG_ALERT, "Process manager is already running. Process manager is exiting\n", seconds(5));
+    EXPECT_EQ(run_halvo("-w", seconds(20)).output, "VM failover is already disabled\n\n");
+    EXPECT_EQ(vm->count(LOG_INFO, "Process 'w' started; *"), 1U);
+
+    ASSERT_EQ(unlink(HALVO_SOCKET), 0);
+    vm->wait_for(LOG_ERR, "halvo_socket is gone. Binding it again\n", seconds(20));
+    const auto deadline = host_clock::now() + seconds(10);
+    while (run_halvo("-s", seconds(20)).status != 0) {
+        ASSERT_LT(host_clock::now(), deadline);
+    }
+}
+
 // Disarmed at once though a script runs, which holds copies of the daemon's descriptors; armed again before
 // the sleep ends that began with a longer interval.
 TEST_F(ControlSandbox, FailoverIsSwitchedOffAndOnWhileAScriptRuns)
