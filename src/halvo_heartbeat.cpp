@@ -160,12 +160,12 @@ static bool read_line(line_reader_st* reader, std::array<char, LINE_SIZE>* line)
 int halvo_heartbeat_ip_init(halvo_vm_info_st* vm_info)
 {
     std::array<char, LINE_SIZE> line;
-    line_reader_st reader{};
-    reader.fd = open(ADDRESS_FILE, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (reader.fd == -1) {
+    const int fd = open(ADDRESS_FILE, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd == -1) {
         halvo_log(LOG_INFO, "\nUnable to open %s file. Assuming default IP - 192.168.2.2\n", ADDRESS_FILE);
         return 0;
     }
+    line_reader_st reader = {.fd = fd, .length = 0, .next = 0, .chunk = {}};
     bool faulty = false;
     while (!faulty && read_line(&reader, &line)) {
         faulty = parse_address_line(line.data(), vm_info) != 0;
@@ -173,7 +173,7 @@ int halvo_heartbeat_ip_init(halvo_vm_info_st* vm_info)
     if (faulty) {
         set_default_addresses(vm_info);
     }
-    close(reader.fd);
+    close(fd);
     halvo_log(LOG_INFO, "remote ip 0x%x local 0x%x\n", ntohl(vm_info->heartbeat_remote_ip),
               ntohl(vm_info->heartbeat_local_ip));
     return 0;

@@ -10,9 +10,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 
 #include "halvo_client.h"
 #include "halvo_command.h"
@@ -179,7 +179,7 @@ static void start_services()
 static void load_tables()
 {
     const std::lock_guard guard(halvo_table_lock_g);
-    memset(child_proc_table_g, 0, sizeof(child_proc_table_g));
+    std::ranges::fill(child_proc_table_g, halvo_child_proc_info_st{});
     vm_info_g = halvo_vm_info_st{};
     if (halvo_read_confile(&vm_info_g, child_proc_table_g) != 0) {
         halvo_fatal_exit("Error in reading config file. Process manager is exiting\n");

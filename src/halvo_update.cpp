@@ -2,6 +2,7 @@
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstring>
@@ -30,7 +31,7 @@ static void report(int priority, char* ack_msg, const char* format, ...)
 
 static int read_new_config(char* ack_msg)
 {
-    memset(new_child_proc_table_g, 0, sizeof(new_child_proc_table_g));
+    std::ranges::fill(new_child_proc_table_g, halvo_child_proc_info_st{});
     new_vm_info_g = halvo_vm_info_st{};
     if (halvo_read_confile(&new_vm_info_g, new_child_proc_table_g) != 0) {
         halvo_log(LOG_ALERT, "Error in reading config file\n");

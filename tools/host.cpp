@@ -23,6 +23,7 @@ static int bound_socket(int type, const std::string& path)
     sockaddr_un address{AF_UNIX, {}};
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        close(fd);
         throw std::system_error(errno, std::generic_category(), path);
     }
     listen(fd, SOMAXCONN);  // means nothing to the log's socket
@@ -117,7 +118,7 @@ std::string host::describe(const host_event& event) const
     const std::chrono::duration<double> since_start = event.when - start_;
     std::array<char, 64> head;
     snprintf(head.data(), head.size(), "+%06.3f %-8s", since_start.count(),
-             words.at(static_cast<size_t>(event.priority + 1)));
+             words.at(static_cast<size_t>(event.priority) + 1));
     std::string text = event.text.substr(0, event.text.size() - (event.text.ends_with('\n') ? 1 : 0));
     for (size_t at = 0; (at = text.find('\n', at)) != std::string::npos;) {
         text.replace(at, 1, "\\n");
@@ -172,6 +173,7 @@ void host::take_log_line()
     std::array<char, 64> identity{};
     pid_t pid = 0;
     int head = -1;  // a line in a foreign form is kept whole
+    // NOLINTNEXTLINE(cert-err34-c): a number out of range is not the log daemon's to judge
     sscanf(line.data(), "<%d>%*15c %63[^[][%d]:%n", &facility_priority, identity.data(), &pid, &head);
     record({line.data() + head + 1, line.data() + size}, LOG_PRI(facility_priority), pid, identity.data());
 }

@@ -38,7 +38,9 @@ try {
     const sockaddr_in address{AF_INET, htons(54321), {htonl(INADDR_LOOPBACK)}, {}};
     const timeval silence{1, 0};
     setsockopt(port, SOL_SOCKET, SO_RCVTIMEO, &silence, sizeof silence);
-    bind(port, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    if (bind(port, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        throw std::system_error(errno, std::generic_category(), "bind");
+    }
     std::thread(receive_heartbeat, std::cref(surroundings), port).detach();
     // Lets a reader lay his own clock beside the times that follow.
     const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
@@ -47,7 +49,7 @@ try {
         host_event event = surroundings.wait_for(HOST_ANY, "*", std::chrono::hours(24 * 365), seen);
         const bool lost = event.priority == HOST_DEVICE && event.text == "expired";
         event.text = lost ? "EXPIRED: the hypervisor takes the VM down" : event.text;
-        const char* colour = lost ? "\033[1;37;41m" : COLOURS.at(static_cast<size_t>(event.priority + 1));
+        const char* colour = lost ? "\033[1;37;41m" : COLOURS.at(static_cast<size_t>(event.priority) + 1);
         printf("%s%s%s\n", coloured ? colour : "", surroundings.describe(event).c_str(),
                coloured ? "\033[0m" : "");
     }

@@ -34,7 +34,7 @@ int main(int argc, char** argv)
 {
     const std::string role = argc > 1 ? argv[1] : "run";
     if (role == "exit" && argc > 2) {
-        return atoi(argv[2]);
+        return static_cast<int>(strtol(argv[2], nullptr, 10));
     }
     if (role == "report") {
         const std::string text = given();
