@@ -130,15 +130,14 @@ static constexpr std::array<request_st, 4> requests = {{
 static constexpr request_st unknown_request = {INVALID_MSG, serve_unknown,
                                                "Unable to write to client_sockfd in default case\n"};
 
-// Builds the reply in the received record.
-static const request_st& serve_request(halvo_ctrl_handler_st* record)
+const char* halvo_answer_request(halvo_ctrl_handler_st* record)
 {
     const auto* row = std::find_if(requests.begin(), requests.end(), [&](const request_st& request) {
         return request.msg_type == record->msg_type;
     });
     const request_st& request = row == requests.end() ? unknown_request : *row;
     request.serve(&record->message);
-    return request;
+    return request.write_failure;
 }
 
 // One request, one reply. A vanished client must yield a failed write, not a SIGPIPE.
@@ -150,9 +149,9 @@ static void serve_connection(int client_sockfd)
         halvo_log_errno(LOG_ERR);
         return;
     }
-    const request_st& request = serve_request(&ctrl_handler_data_g);
+    const char* write_failure = halvo_answer_request(&ctrl_handler_data_g);
     if (send(client_sockfd, &ctrl_handler_data_g, sizeof(ctrl_handler_data_g), MSG_NOSIGNAL) == -1) {
-        halvo_log(LOG_ERR, "%s", request.write_failure);
+        halvo_log(LOG_ERR, "%s", write_failure);
         halvo_log_errno(LOG_ERR);
     }
 }

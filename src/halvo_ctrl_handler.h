@@ -64,5 +64,9 @@ void halvo_vappend_msg(char* text, size_t capacity, const char* format, va_list 
 // could not be stopped. Control thread.
 int halvo_disable_vm_failover(char* ack_msg);
 
+// Carries out the request in a received record and builds the reply in it. Returns the line to be logged when
+// the reply cannot be sent. Control thread.
+const char* halvo_answer_request(halvo_ctrl_handler_st* record);
+
 // The service thread "halvo_ctrl_handler"; arg is not used. Never returns.
 void* halvo_ctrl_handler_thread(void* arg);
