@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -117,45 +116,4 @@ TEST_F(ConfigSandbox, ValuesEndUpInTheirFields)
     EXPECT_EQ(a.recur_fail_intvl, 0);
     EXPECT_EQ(a.proc_cpu_tot_high_water, 8);
     EXPECT_EQ(strlen(a.pre_start_cmd), 1023 - strlen("a pre_start_cmd \""));
-}
-
-// Bytes at random, and words of the real syntax in random order, which get further.
-TEST_F(ConfigSandbox, RandomFilesNeverCrashTheReader)
-{
-    static const std::vector<std::string> words = {"global",
-                                                   "process",
-                                                   "name",
-                                                   "p",
-                                                   "start_cmd",
-                                                   "process_type",
-                                                   "NORMAL",
-                                                   "action",
-                                                   "NOP",
-                                                   "stop_cmd",
-                                                   "\"",
-                                                   "\"x y\"",
-                                                   "#",
-                                                   "\n",
-                                                   "\n",
-                                                   "\r",
-                                                   "\t",
-                                                   "999999999999",
-                                                   "wd_timeout",
-                                                   "debug_mode",
-                                                   std::string("\0", 1),
-                                                   std::string(1200, 'q'),
-                                                   std::string(49, 'n')};
-    std::mt19937 random(1);
-    halvo_log_close();  // what it says is not looked at here
-    for (int file = 0; file < 10000; ++file) {
-        std::string text;
-        for (auto left = random() % 60; left > 0; --left) {
-            text += file % 2 == 0 ? words.at(random() % words.size()) + " "
-                                  : std::string(1, static_cast<char>(random()));
-        }
-        write_config(text);
-        read_config();
-        ASSERT_GE(vm_info_g.mon_proc_num, 0);
-        ASSERT_LE(vm_info_g.mon_proc_num, MAX_PROC_NUM);
-    }
 }
