@@ -1,6 +1,9 @@
 #include "halvo_log.h"
 
+#include <poll.h>
 #include <pthread.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -12,6 +15,9 @@
 
 static std::mutex log_lock;
 static bool log_closed;  // closelog() forgets the identity: a line after it would come from nobody
+
+static constexpr int PATIENCE = 2000;      // milliseconds that a syslog daemon may keep us waiting
+static constexpr int SHORT_PATIENCE = 10;  // milliseconds, once it has
 
 void halvo_log_open()
 {
@@ -27,13 +33,42 @@ void halvo_log_close()
     log_closed = true;
 }
 
+// A syslog daemon that has stopped reading would hold up for good whoever logs, and with him the locks that
+// he holds: nothing would be restarted or failed over any more. Looked at through a socket of our own, since
+// the one of syslog() is out of reach. Log lock held.
+static bool log_takes_lines()
+{
+    static bool stuck;
+    const sockaddr_un address = {AF_UNIX, _PATH_LOG};
+    pollfd probe = {socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), POLLOUT, 0};
+    const bool there = connect(probe.fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    stuck = there && poll(&probe, 1, stuck ? SHORT_PATIENCE : PATIENCE) == 0;
+    close(probe.fd);
+    return !stuck;
+}
+
+// Log lock held.
+static void send_line(int priority, const char* format, va_list args)
+{
+    static unsigned lost_lines;
+    if (!log_takes_lines()) {
+        ++lost_lines;
+        return;
+    }
+    if (lost_lines > 0) {
+        syslog(LOG_ERR, "%u lines were lost: the log did not take them\n", lost_lines);
+        lost_lines = 0;
+    }
+    vsyslog(priority, format, args);
+}
+
 void halvo_vlog(int priority, const char* format, va_list args)
 {
     const int saved_errno = errno;
     if (priority != LOG_DEBUG || halvo_load(halvo_debug_mode_g) == ENABLE) {
         const std::lock_guard guard(log_lock);
         if (!log_closed) {
-            vsyslog(priority, format, args);
+            send_line(priority, format, args);
         }
     }
     errno = saved_errno;

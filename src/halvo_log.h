@@ -2,7 +2,8 @@
 //
 // Every function may be called from any thread and leaves errno as it found it. One plain mutex guards
 // syslog, ctime_r and fork together: a child forked while another thread is inside one of the two others
-// would inherit their locks held and hang before its exec.
+// would inherit their locks held and hang before its exec. A log daemon that does not take a line within 2
+// seconds loses it, and is told the number of lost lines later.
 
 #pragma once
 

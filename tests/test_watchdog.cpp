@@ -1,8 +1,12 @@
 // The device under the real executable: what arms it, what keeps it quiet, and what alone may disarm it.
 
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
 
 #include <csignal>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -136,6 +140,37 @@ TEST_F(WatchdogSandbox, AFailedKeepaliveDisarmsTheDevice)
         step = vm->wait_for(LOG_ERR, "Watchdog device is not opened\n", seconds(20), step).number;
     }
     EXPECT_EQ(vm->count(HOST_DEVICE, "expired"), 0U);
+}
+
+// From the first line on nobody reads the log: processes are started again, keepalives are sent, clients are
+// answered and the VM fails over all the same.
+TEST_F(WatchdogSandbox, AStuckLogStopsNothing)
+{
+    place_probe("/tmp/critical");
+    ASSERT_EQ(rename("/dev/log", "/dev/log.host"), 0);
+    const host_fd log{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+    const sockaddr_un address{AF_UNIX, "/dev/log"};
+    ASSERT_EQ(bind(log.fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    write_config("global wd_tick_interval 1\nglobal wd_timeout 4\n" + worker("PROC_RESTART") +
+                 "process name c\nc process_type NORMAL\nc start_cmd \"/tmp/critical run\"\n"
+                 "c action VM_FAILOVER\n");
+    start_daemon();
+    for (int kills = 0; kills < 5; ++kills) {
+        const pid_t pid = find_process("sleep");
+        ASSERT_EQ(kill(pid, SIGKILL), 0);
+        while (kill(pid, 0) == 0) {
+            sched_yield();
+        }
+    }
+    EXPECT_EQ(run_halvo("-s", seconds(20)).status, 0);
+    EXPECT_EQ(vm->count(HOST_DEVICE, "expired"), 0U);
+    ASSERT_EQ(kill(find_process("critical"), SIGKILL), 0);
+    vm->wait_for(HOST_DEVICE, "expired", seconds(20));
+    EXPECT_EQ(vm->count(HOST_DEVICE, "magic"), 0U);
+    for (std::string line; line.find("lines were lost: the log did not take them") == std::string::npos;) {
+        line.assign(1024, '\0');
+        ASSERT_GT(recv(log.fd, line.data(), line.size(), 0), 0);
+    }
 }
 
 // Lost and reported once, failed over on every pass.
