@@ -237,9 +237,12 @@ static bool promote_entry(halvo_child_proc_info_st* proc_info)
 {
     const std::lock_guard guard(halvo_table_lock_g);
     time_t now = 0;
-    if (halvo_read_clock(&now) == 0 && proc_info->proc_state == INIT &&
-        proc_info->last_spawn_time + INIT_TIME < now) {
-        proc_info->proc_state = ACTIVE;
+    if (halvo_read_clock(&now) == 0 && proc_info->proc_state == INIT) {
+        // After the clock was set back it would take until the old time comes again.
+        proc_info->last_spawn_time = std::min(proc_info->last_spawn_time, now);
+        if (proc_info->last_spawn_time + INIT_TIME < now) {
+            proc_info->proc_state = ACTIVE;
+        }
     }
     if (proc_info->proc_type == DAEMON) {
         return proc_info->proc_state == UNKNOWN || proc_info->proc_state == ACTIVE;

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "halvo_command.h"
 #include "halvo_log.h"
@@ -170,6 +172,33 @@ TEST_F(SupervisionSandbox, ASignalDuringAScriptDisturbsNothing)
     vm->wait_for(LOG_INFO, "Process 'w' started; start cmd [/bin/sleep 100]\n", seconds(20), script);
 }
 
+// Whatever pidof prints, only a pid that bears the name counts; nothing at all leaves the held pid.
+TEST_F(SupervisionSandbox, JunkFromPidofFindsNothing)
+{
+    place_probe("/tmp/agent1");
+    const pid_t agent = start("/tmp/agent1 run");
+    ASSERT_EQ(find_process("agent1"), agent);
+    const std::string pid = std::to_string(agent);
+    halvo_child_proc_info_st* entry = add_process("agent1", "SYSTEM", NOP);
+    entry->pid = agent;
+    write_file("/tmp/pidof", "#!/bin/sh\n. /tmp/answer\n", 0755);
+    setenv("PATH", "/tmp:/usr/bin:/bin", 1);
+    const std::string beyond_int = std::to_string(agent + (1L << 32));
+    const std::vector<std::string> good = {"echo " + pid + " 1", "printf " + pid, "exit 1", "kill -9 $$"};
+    const std::vector<std::string> junk = {"echo agent1",
+                                           "echo 1 " + pid,
+                                           "echo -" + pid,
+                                           "echo " + beyond_int,
+                                           "head -c 5000 /dev/zero | tr '\\0' 7",
+                                           "exec yes 1"};
+    for (const auto& [answers, found] : {std::pair(good, agent), std::pair(junk, -1)}) {
+        for (const std::string& answer : answers) {
+            write_file("/tmp/answer", answer + "\n");
+            EXPECT_EQ(halvo_check_process_pid_status(entry), found) << answer;
+        }
+    }
+}
+
 // The whole line of events from the loss to what the operator configured, for the processes found by name.
 TEST_F(SupervisionSandbox, DaemonsAreStartedFoundAndStartedAgain)
 {
@@ -181,6 +210,7 @@ TEST_F(SupervisionSandbox, DaemonsAreStartedFoundAndStartedAgain)
     size_t step = vm->wait_for(LOG_ALERT, "Process 'agent1' is not started\n", seconds(20)).number;
     step = vm->wait_for(LOG_INFO, "Process 'agent1' started; *", seconds(20), step).number;
     step = vm->wait_for(LOG_CRIT, "No: of times spawned by process manager [1]\n", seconds(20), step).number;
+    write_file("/tmp/clock_set_back", "");  // which must not put off the watching
     step =
         vm->wait_for(LOG_INFO, " No recovery action is executed for  process 'nobody1'\n", seconds(20), step)
             .number;
