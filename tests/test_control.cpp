@@ -254,7 +254,7 @@ TEST_F(ControlSandbox, WhateverArrivesTheNextClientIsServed)
     write_config("global vm_failover DISABLE\n");
     umask(0);
     const pid_t daemon = start_daemon();
-    vm->wait_for(LOG_INFO, "Initialized heartbeat payload\n", seconds(20));
+    vm->wait_for(LOG_INFO, "lunet pid 0", seconds(20));  // pidof's pipe is closed
     EXPECT_EQ(run_halvo("-s", seconds(20)).status, 0);
     struct stat status {};
     ASSERT_EQ(stat(HALVO_SOCKET, &status), 0);
