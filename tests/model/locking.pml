@@ -12,6 +12,7 @@
 #define BREAK_UPDATE_UNDER_LOCK (BROKEN == 4)
 #define BREAK_REPORT_UNDER_LOCK (BROKEN == 5)
 #define BREAK_LOG_LOCK_ACROSS_FORK (BROKEN == 6)
+#define BREAK_TABLE_BEFORE_LOG (BROKEN == 7)
 
 #define DEATHS 2     /* from outside; the crossed limit adds one */
 #define PIDS 11      /* 0 is nobody's. None is used twice, so that a reaped one that is touched is noticed */
@@ -125,7 +126,8 @@ active proctype main_thread() {
 }
 
 active proctype halvo_ctrl_handler_thread() {
-    if :: !BREAK_UPDATE_UNDER_LOCK -> lock(table_lock) :: else fi;
+    if :: BREAK_TABLE_BEFORE_LOG -> lock(log_lock) :: else fi;
+    if :: !BREAK_UPDATE_UNDER_LOCK -> lock(table_lock); if :: BREAK_TABLE_BEFORE_LOG -> unlock(log_lock) :: else fi :: else fi;
     command_head[0] = 1; command_tail[0] = 1;   /* take_over_entry */
     if :: !BREAK_UPDATE_UNDER_LOCK -> unlock(table_lock) :: else fi;
     if :: !BREAK_REPORT_UNDER_LOCK -> lock(table_lock) :: else fi;
