@@ -102,7 +102,7 @@ static void store_number(void* record, const halvo_config_param_st& row, const c
     if (value < row.min_value || value > row.max_value) {
         halvo_log(LOG_WARNING,
                   "%s[line:%d]: %s value[%u] is not in valid range[%u - %u]. Considering default value: %u\n",
-                  HALVO_CONFIG_FILE, line_num, row.param_name, value, row.min_value, row.max_value,
+                  halvo_config_file_g, line_num, row.param_name, value, row.min_value, row.max_value,
                   row.dfl_value);
         value = row.dfl_value;
     }
@@ -124,7 +124,7 @@ static int store_vm_mode(halvo_vm_info_st* vm_info, const halvo_config_param_st&
     int32_t code = find_mode_code(row.param_name, word);
     if (code == 0) {
         halvo_log(LOG_WARNING, "%s[line:%d]: [%s] mode is not valid. Considering default mode: %s\n",
-                  HALVO_CONFIG_FILE, line_num, word, fallback);
+                  halvo_config_file_g, line_num, word, fallback);
         code = find_mode_code(row.param_name, fallback);
     }
     store_word(vm_info, row, static_cast<uint32_t>(code));
@@ -138,12 +138,12 @@ static int store_proc_mode(halvo_child_proc_info_st* proc_info, const halvo_conf
     if (strcmp(row.param_name, "action") == 0) {
         if (code == 0) {
             halvo_log(LOG_WARNING, "%s[line:%d]: %s [%s] is not valid. Considering default mode: %s\n",
-                      HALVO_CONFIG_FILE, line_num, row.param_name, word, "NOP");
+                      halvo_config_file_g, line_num, row.param_name, word, "NOP");
             code = NOP;
         }
     } else if (strcmp(row.param_name, "process_type") == 0) {
         if (code == 0) {
-            halvo_log(LOG_ERR, "%s[line:%d]: %s [%s] is not valid\n", HALVO_CONFIG_FILE, line_num,
+            halvo_log(LOG_ERR, "%s[line:%d]: %s [%s] is not valid\n", halvo_config_file_g, line_num,
                       row.param_name, word);
             return -1;
         }

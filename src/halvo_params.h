@@ -14,6 +14,9 @@
 
 constexpr const char* HALVO_CONFIG_FILE = "/etc/config/halvo.conf";
 
+// What is read, and named in the messages about it. The daemon never changes it; halvo-check does.
+inline const char* halvo_config_file_g = HALVO_CONFIG_FILE;
+
 constexpr int PARAM_NUMBER = 1;  // with a range
 constexpr int PARAM_STRING = 2;  // in double quotes
 constexpr int PARAM_MODE = 3;    // one of the parameter's words

@@ -29,6 +29,17 @@ static void report(int priority, char* ack_msg, const char* format, ...)
     va_end(args);
 }
 
+int halvo_compare_proc_num(char* ack_msg)
+{
+    if (new_vm_info_g.mon_proc_num == vm_info_g.mon_proc_num) {
+        return 0;
+    }
+    report(LOG_ERR, ack_msg, "The no: of processes which are monitored cannot be changed on the fly\n");
+    report(LOG_ERR, ack_msg, "In existing config, no: of process [%d]; the new config shows [%d] processes\n",
+           vm_info_g.mon_proc_num, new_vm_info_g.mon_proc_num);
+    return -1;
+}
+
 static int read_new_config(char* ack_msg)
 {
     std::ranges::fill(new_child_proc_table_g, halvo_child_proc_info_st{});
@@ -40,14 +51,7 @@ static int read_new_config(char* ack_msg)
                          "For detailed info, use command: cat /usr/admin/log/messages\n");
         return -1;
     }
-    if (new_vm_info_g.mon_proc_num != vm_info_g.mon_proc_num) {
-        report(LOG_ERR, ack_msg, "The no: of processes which are monitored cannot be changed on the fly\n");
-        report(LOG_ERR, ack_msg,
-               "In existing config, no: of process [%d]; the new config shows [%d] processes\n",
-               vm_info_g.mon_proc_num, new_vm_info_g.mon_proc_num);
-        return -1;
-    }
-    return 0;
+    return halvo_compare_proc_num(ack_msg);
 }
 
 static void take_over_intervals()
@@ -105,8 +109,8 @@ static void report_type(char* ack_msg, const char* which, process_type_en proc_t
 }
 
 // What identifies a process may not change.
-static int compare_identity(const halvo_child_proc_info_st& running, const halvo_child_proc_info_st& fresh,
-                            char* ack_msg)
+int halvo_compare_identity(const halvo_child_proc_info_st& running, const halvo_child_proc_info_st& fresh,
+                           char* ack_msg)
 {
     if (strcmp(running.proc_name, fresh.proc_name) != 0) {
         report(LOG_ERR, ack_msg, "process name is not matching; existing name [%s]; new name [%s]\n",
@@ -164,18 +168,12 @@ static int check_stop(halvo_child_proc_info_st* fresh, char* ack_msg)
     return check_script(*fresh, fresh->stop_cmd, "stop", ack_msg);
 }
 
-// A command field and the check that a changed one must pass, in the order of taking over.
-struct command_st {
-    char (halvo_child_proc_info_st::*field)[CMD_SIZE];
-    int (*check)(halvo_child_proc_info_st* fresh, char* ack_msg);
-};
-
-static constexpr std::array<command_st, 5> commands = {{
-    {&halvo_child_proc_info_st::pre_start_cmd, check_pre_start},
-    {&halvo_child_proc_info_st::start_cmd, check_start},
-    {&halvo_child_proc_info_st::start_cmd_filename, check_nothing},
-    {&halvo_child_proc_info_st::post_start_cmd, check_post_start},
-    {&halvo_child_proc_info_st::stop_cmd, check_stop},
+constexpr std::array<halvo_command_check_st, 5> halvo_command_checks_g = {{
+    {"pre_start_cmd", &halvo_child_proc_info_st::pre_start_cmd, check_pre_start},
+    {"start_cmd", &halvo_child_proc_info_st::start_cmd, check_start},
+    {"start_cmd", &halvo_child_proc_info_st::start_cmd_filename, check_nothing},
+    {"post_start_cmd", &halvo_child_proc_info_st::post_start_cmd, check_post_start},
+    {"stop_cmd", &halvo_child_proc_info_st::stop_cmd, check_stop},
 }};
 
 // Checks the commands that changed. Returns how many from the first on may be taken over: all of them, or
@@ -184,7 +182,7 @@ static size_t check_commands(const halvo_child_proc_info_st& running, halvo_chil
                              char* ack_msg)
 {
     size_t accepted = 0;
-    for (const command_st& command : commands) {
+    for (const halvo_command_check_st& command : halvo_command_checks_g) {
         const bool changed = strcmp(running.*command.field, fresh->*command.field) != 0;
         if (changed && command.check(fresh, ack_msg) != 0) {
             break;
@@ -211,9 +209,10 @@ static int take_over_entry(halvo_child_proc_info_st* running, const halvo_child_
 {
     const std::lock_guard guard(halvo_table_lock_g);
     for (size_t i = 0; i < accepted; ++i) {
-        halvo_copy_text(running->*commands.at(i).field, CMD_SIZE, fresh.*commands.at(i).field);
+        halvo_copy_text(running->*halvo_command_checks_g.at(i).field, CMD_SIZE,
+                        fresh.*halvo_command_checks_g.at(i).field);
     }
-    if (accepted < commands.size()) {
+    if (accepted < halvo_command_checks_g.size()) {
         return -1;
     }
     take_over_action(running, fresh);
@@ -224,20 +223,26 @@ static int take_over_entry(halvo_child_proc_info_st* running, const halvo_child_
     return 0;
 }
 
+int halvo_compare_recur_fail(const halvo_child_proc_info_st& running, const halvo_child_proc_info_st& fresh,
+                             char* ack_msg)
+{
+    if (running.recur_fail_restart_cnt != fresh.recur_fail_restart_cnt ||
+        running.recur_fail_intvl != fresh.recur_fail_intvl) {
+        report(LOG_ERR, ack_msg, "Recurring failure management parameters cannot be changed on the fly\n");
+        return -1;
+    }
+    return 0;
+}
+
 static int update_entry(halvo_child_proc_info_st* running, halvo_child_proc_info_st* fresh, char* ack_msg)
 {
-    if (compare_identity(*running, *fresh, ack_msg) != 0) {
+    if (halvo_compare_identity(*running, *fresh, ack_msg) != 0) {
         return -1;
     }
     if (take_over_entry(running, *fresh, check_commands(*running, fresh, ack_msg)) != 0) {
         return -1;
     }
-    if (running->recur_fail_restart_cnt != fresh->recur_fail_restart_cnt ||
-        running->recur_fail_intvl != fresh->recur_fail_intvl) {
-        report(LOG_ERR, ack_msg, "Recurring failure management parameters cannot be changed on the fly\n");
-        return -1;
-    }
-    return 0;
+    return halvo_compare_recur_fail(*running, *fresh, ack_msg);
 }
 
 int halvo_update_config(char* ack_msg)

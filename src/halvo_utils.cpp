@@ -60,7 +60,7 @@ static void verify_vm_param(const char* param_name, const char* param_value, hal
 {
     const int index = halvo_find_param(vm_conf_param_dfl_g, param_name);
     if (index == -1) {
-        halvo_log(LOG_ERR, "%s[line:%d]: Invalid VM param name found: %s \n", HALVO_CONFIG_FILE, *line_num,
+        halvo_log(LOG_ERR, "%s[line:%d]: Invalid VM param name found: %s \n", halvo_config_file_g, *line_num,
                   param_name);
         return;
     }
@@ -77,13 +77,13 @@ static int open_proc_section(const char* param_name, const char* param_value, ch
 {
     proc_name[0] = '\0';
     if (strcmp(param_name, "name") != 0) {
-        halvo_log(LOG_ERR, "%s[line:%d]: Invalid process name entry found: %s \n", HALVO_CONFIG_FILE,
+        halvo_log(LOG_ERR, "%s[line:%d]: Invalid process name entry found: %s \n", halvo_config_file_g,
                   line_num, param_name);
         return -1;
     }
     if (strlen(param_value) >= PROC_NAME_SIZE) {
-        halvo_log(LOG_ERR, "%s[line:%d]: Process name is longer than %d characters: %s \n", HALVO_CONFIG_FILE,
-                  line_num, PROC_NAME_SIZE - 1, param_value);
+        halvo_log(LOG_ERR, "%s[line:%d]: Process name is longer than %d characters: %s \n",
+                  halvo_config_file_g, line_num, PROC_NAME_SIZE - 1, param_value);
         return -1;
     }
     halvo_log(LOG_DEBUG, "New process entry found: %s \n", param_value);
@@ -106,7 +106,7 @@ static int verify_proc_param(const char* param_name, const char* param_value, co
 {
     const int index = halvo_find_param(proc_conf_param_dfl_g, param_name);
     if (index == -1) {
-        halvo_log(LOG_ERR, "%s[line:%d]: Invalid process param name found: %s \n", HALVO_CONFIG_FILE,
+        halvo_log(LOG_ERR, "%s[line:%d]: Invalid process param name found: %s \n", halvo_config_file_g,
                   *line_num, param_name);
         return -1;
     }
@@ -131,7 +131,7 @@ int halvo_verify_conf_param(const char* keyword, const char* param_name, const c
         return open_proc_section(param_name, param_value, proc_name, vm_info, proc_table, *line_num);
     }
     if (strcmp(keyword, proc_name) != 0) {
-        halvo_log(LOG_ERR, "%s[line:%d]: Invalid keyword found: %s \n", HALVO_CONFIG_FILE, *line_num,
+        halvo_log(LOG_ERR, "%s[line:%d]: Invalid keyword found: %s \n", halvo_config_file_g, *line_num,
                   keyword);
         return -1;
     }
@@ -165,21 +165,22 @@ static int tokenise_line(char* line, char* line_copy, int line_num, conf_line_st
         unquoted = tokens->param_value[0] != '"';
         if (unquoted) {
             halvo_log(LOG_ERR, "%s[line:%d]: The string arguments of [%s] should be within double quotes\n",
-                      HALVO_CONFIG_FILE, line_num, tokens->param_name);
+                      halvo_config_file_g, line_num, tokens->param_name);
         } else {
             strtok_r(line_copy, "\"", &rest);
             tokens->param_value = strtok_r(nullptr, "\"", &rest);
         }
     }
     if (tokens->param_value == nullptr) {
-        halvo_log(LOG_ERR, "%s[line:%d]: missing field\n", HALVO_CONFIG_FILE, line_num);
+        halvo_log(LOG_ERR, "%s[line:%d]: missing field\n", halvo_config_file_g, line_num);
         return -1;
     }
     return unquoted ? -1 : 0;
 }
 
 // Reads line by line to the end of the file. Returns -1 when any line failed.
-static int read_lines(FILE* file, halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table)
+static int read_lines(FILE* file, halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
+                      decltype(halvo_verify_conf_param)* verify_line)
 {
     std::array<char, CMD_SIZE> line;
     std::array<char, CMD_SIZE> line_copy;
@@ -199,34 +200,35 @@ static int read_lines(FILE* file, halvo_vm_info_st* vm_info, halvo_child_proc_in
         if (tokens.keyword == nullptr || missing_field) {
             continue;
         }
-        if (halvo_verify_conf_param(tokens.keyword, tokens.param_name, tokens.param_value, proc_name.data(),
-                                    vm_info, proc_table, &line_num) != 0) {
+        if (verify_line(tokens.keyword, tokens.param_name, tokens.param_value, proc_name.data(), vm_info,
+                        proc_table, &line_num) != 0) {
             halvo_log(LOG_ERR, "Error in verifying the field strings and values in config file\n");
             err_in_conffile = true;
         }
     }
     if (ferror(file) != 0) {
         // What is missing from the middle of a file must not pass for a shorter configuration.
-        halvo_log(LOG_ALERT, "Config file: %s cannot be read\n", HALVO_CONFIG_FILE);
+        halvo_log(LOG_ALERT, "Config file: %s cannot be read\n", halvo_config_file_g);
         err_in_conffile = true;
     }
     halvo_log(LOG_DEBUG, "Config file total lines read: %d\n", line_num);
     return missing_field || err_in_conffile ? -1 : 0;
 }
 
-int halvo_read_confile(halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table)
+int halvo_read_confile(halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
+                       decltype(halvo_verify_conf_param)* verify_line)
 {
     if (halvo_init_vm_info_table(vm_info) != 0) {
         halvo_log(LOG_ERR, "Error in initializing VM structure members\n");
         return -1;
     }
     {
-        const halvo_file file = halvo_open_file(HALVO_CONFIG_FILE);
+        const halvo_file file = halvo_open_file(halvo_config_file_g);
         if (file == nullptr) {
-            halvo_log(LOG_ALERT, "Config file: %s not found\n", HALVO_CONFIG_FILE);
+            halvo_log(LOG_ALERT, "Config file: %s not found\n", halvo_config_file_g);
             return -1;
         }
-        if (read_lines(file.get(), vm_info, proc_table) != 0) {
+        if (read_lines(file.get(), vm_info, proc_table, verify_line) != 0) {
             return -1;
         }
     }

@@ -14,16 +14,17 @@
 
 #include "halvo_private.h"
 
-// Reads the configuration file into a VM record whose mon_proc_num is 0 and a process table of
-// MAX_PROC_NUM zeroed entries. Returns 0 when every line was accepted and every process has its mandatory
-// parameters, else -1; the records are then not to be used.
-int halvo_read_confile(halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table);
-
 // Checks one complete line and stores its value. proc_name, PROC_NAME_SIZE bytes, is the section that the
 // line stands in and is changed by a line that opens one. Returns -1 for an error of the line.
 int halvo_verify_conf_param(const char* keyword, const char* param_name, const char* param_value,
                             char* proc_name, halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
                             const int* line_num);
+
+// Reads the configuration file into a VM record whose mon_proc_num is 0 and a process table of
+// MAX_PROC_NUM zeroed entries; each complete line goes through verify_line. Returns 0 when every line was
+// accepted and every process has its mandatory parameters, else -1; the records are then not to be used.
+int halvo_read_confile(halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
+                       decltype(halvo_verify_conf_param)* verify_line = halvo_verify_conf_param);
 
 // Points behind the last SEPARATOR_CHAR of the path; a null or empty path is returned as it is.
 const char* file_basename(const char* path);
