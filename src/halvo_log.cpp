@@ -48,7 +48,7 @@ static bool log_takes_lines()
 }
 
 // Log lock held.
-static void send_line(int priority, const char* format, va_list args)
+__attribute__((format(printf, 2, 0))) static void send_line(int priority, const char* format, va_list args)
 {
     static unsigned lost_lines;
     if (!log_takes_lines()) {

@@ -71,13 +71,13 @@ extern "C" pid_t fork()
     return -1;
 }
 
-extern "C" time_t time(time_t* now)
+extern "C" time_t time(time_t* timer)
 {
     timespec clock{};
     clock_gettime(CLOCK_REALTIME, &clock);
     clock.tv_sec -= access("/tmp/clock_set_back", F_OK) == 0 ? 3600 : 0;
-    if (now != nullptr) {
-        *now = clock.tv_sec;
+    if (timer != nullptr) {
+        *timer = clock.tv_sec;
     }
     return clock.tv_sec;
 }
