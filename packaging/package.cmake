@@ -28,6 +28,7 @@ package_file(packaging/copyright ${doc}/copyright)
 package_file(${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog ${doc}/changelog)
 package_file(CHANGELOG.md ${doc}/CHANGELOG.md)
 package_file(docs/operating.md ${doc}/operating.md)
+package_file(docs/troubleshooting.md ${doc}/troubleshooting.md)
 package_file(config/halvo.conf ${doc}/examples/halvo.conf)
 
 set(CPACK_GENERATOR DEB)
