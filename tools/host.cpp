@@ -180,6 +180,11 @@ void host::take_log_line()
 
 void host::accept_device()
 {
+    // What the last owner did came first, though it may be read after this: a real device is free once close
+    // returns.
+    for (pollfd last{device_.fd, POLLIN, 0}; last.fd >= 0 && poll(&last, 1, 0) > 0; last.fd = device_.fd) {
+        take_device_message();
+    }
     const int fd = accept4(listener_.fd, nullptr, nullptr, SOCK_CLOEXEC);
     const int error = device_.fd >= 0 ? EBUSY : rules_.open_errno;
     const watchdog_wire_st message{WATCHDOG_WIRE_MAGIC, 0, 0, error};
