@@ -88,7 +88,7 @@ void halvo_vappend_msg(char*, size_t, const char*, va_list)
 {
 }
 
-int halvo_watchdog_init(halvo_vm_info_st*)
+int halvo_arm_watchdog(halvo_vm_info_st*)
 {
     return -1;
 }
@@ -100,9 +100,4 @@ int halvo_watchdog_stop(halvo_vm_info_st*)
 
 void halvo_request_failover(halvo_vm_info_st*)
 {
-}
-
-unsigned halvo_failover_requests()
-{
-    return 0;
 }

@@ -63,26 +63,24 @@ static void take_over_intervals()
     halvo_store(vm_info_g.wd_timeout, new_vm_info_g.wd_timeout);
 }
 
-// Starts or stops the watchdog when the switch changed. The switch keeps its new value when that fails. A
-// process may be lost as soon as the switch is on: the device armed after that must not be tickled.
+// Starts or stops the watchdog when the switch changed. The switch gets its new value also when that fails;
+// on, it is not seen before the device is armed, or the watchdog thread would take the silence for a
+// failover.
 static int take_over_failover(char* ack_msg)
 {
     const int failover = new_vm_info_g.vm_failover_flag;
-    const unsigned requests = halvo_failover_requests();
     if (failover == halvo_load(vm_info_g.vm_failover_flag)) {
         return 0;
     }
+    const int result = failover == ENABLE ? halvo_arm_watchdog(&vm_info_g) : 0;
     halvo_store(vm_info_g.vm_failover_flag, failover);
-    if (failover == DISABLE && halvo_watchdog_stop(&vm_info_g) != 0) {
-        report(LOG_ALERT, ack_msg, "Not able to stop watch dog device\n");
-        return -1;
-    }
-    if (failover == ENABLE && halvo_watchdog_init(&vm_info_g) != 0) {
+    if (result != 0) {
         report(LOG_ALERT, ack_msg, "Not able to initialize the watch dog device\n");
         return -1;
     }
-    if (failover == ENABLE && halvo_failover_requests() != requests) {
-        halvo_store(vm_info_g.wd_tick_flag, 0);
+    if (failover == DISABLE && halvo_watchdog_stop(&vm_info_g) != 0) {
+        report(LOG_ALERT, ack_msg, "Not able to stop watch dog device\n");
+        return -1;
     }
     return 0;
 }

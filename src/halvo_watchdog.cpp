@@ -15,9 +15,7 @@ static constexpr const char* WATCHDOG_DEV = "/dev/watchdog";
 
 static std::mutex device_lock;
 
-// Read and written with halvo_load() and halvo_store() or in one atomic step.
-static unsigned arm_count;          // how often the device was armed
-static unsigned failover_requests;  // how often a failover was asked for
+static unsigned arm_count;  // how often the device was armed; halvo_load()
 
 // What disarming gave, to be logged once the device lock is released.
 enum class disarm_result { NOT_OPEN, DISARMED, WRITE_FAILED };
@@ -125,9 +123,11 @@ int halvo_watchdog_init(halvo_vm_info_st* vm_info)
     device_lock.lock();
     vm_info->wd_dev_fd = -1;
     device_lock.unlock();
-    if (halvo_load(vm_info->vm_failover_flag) == DISABLE) {
-        return 0;
-    }
+    return halvo_load(vm_info->vm_failover_flag) == DISABLE ? 0 : halvo_arm_watchdog(vm_info);
+}
+
+int halvo_arm_watchdog(halvo_vm_info_st* vm_info)
+{
     if (halvo_open_watchdog_dev(vm_info) != 0) {
         return -1;
     }
@@ -148,13 +148,7 @@ int halvo_watchdog_init(halvo_vm_info_st* vm_info)
 
 void halvo_request_failover(halvo_vm_info_st* vm_info)
 {
-    __atomic_add_fetch(&failover_requests, 1, __ATOMIC_SEQ_CST);
     halvo_store(vm_info->wd_tick_flag, 0);
-}
-
-unsigned halvo_failover_requests()
-{
-    return halvo_load(failover_requests);
 }
 
 int halvo_watchdog_stop(halvo_vm_info_st* vm_info)

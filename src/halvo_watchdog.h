@@ -12,9 +12,12 @@
 
 #include "halvo_private.h"
 
-// Opens the device, programs wd_timeout (seconds) and lets the thread tickle. Returns 0, also when
-// vm_failover_flag is DISABLE and nothing is opened, or -1 with a message, the device disarmed and closed.
-// Main thread at start-up, control thread later; never while the device is open.
+// Opens the device, programs wd_timeout (seconds) and lets the thread tickle. Returns 0, or -1 with a
+// message, the device disarmed and closed. Main thread at start-up, control thread later; never while the
+// device is open.
+int halvo_arm_watchdog(halvo_vm_info_st* vm_info);
+
+// The same unless vm_failover_flag is DISABLE: then nothing is opened, and 0 returned.
 int halvo_watchdog_init(halvo_vm_info_st* vm_info);
 
 // Stops the keepalives, then disarms and closes the device. Returns -1 when it was not open. Any thread.
@@ -24,9 +27,6 @@ int halvo_watchdog_stop(halvo_vm_info_st* vm_info);
 // is ENABLE, before the first line about it is logged: a stuck log daemon must not hold a failover back. Any
 // thread, takes no lock.
 void halvo_request_failover(halvo_vm_info_st* vm_info);
-
-// How often that was asked for. A set-up that began before a request must not tickle after it.
-unsigned halvo_failover_requests();
 
 // Disarms and closes the device. Returns -1 when it was not open. Any thread.
 int halvo_close_watchdog_dev(halvo_vm_info_st* vm_info);

@@ -220,6 +220,8 @@ def kill_some(dice):
     for name in names:
         kill_one(dice, name)
         if name == "lunet":
+            while not over.is_set() and alive(name, all_processes()):
+                over.wait(0.005)
             subprocess.run(["/tmp/lunet", "daemonize"], check=True, **QUIET)
     if names and names[0] in NORMALS and dice.random() < 0.3:
         host.wait_for(f"Process '{names[0]}' started", mark, 5)
