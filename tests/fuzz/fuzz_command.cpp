@@ -22,7 +22,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const char* text = split.args.at(word);
         require(text >= split.copy.data() && text < split.copy.data() + split.copy.size(),
                 "a word of the copy");
-        require(text[strcspn(text, " \t")] == '\0', "a single word");
+        require(text[strcspn(text, " \t#")] == '\0', "a single word");
     }
     require(split.args[0] == split.args[1] && word <= 99, "98 words");
 

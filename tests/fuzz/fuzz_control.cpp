@@ -26,6 +26,20 @@ static void load_tables()
     }
 }
 
+// The reply follows what the request held, within its capacity, and ends unless that did not end either.
+static void check_text(const halvo_ctrl_handler_st& request, const halvo_ctrl_handler_st& reply)
+{
+    const bool is_ack = request.msg_type == UPDATE_CONFIG || request.msg_type == DISABLE_VM_FAILOVER;
+    const size_t capacity = is_ack ? ACK_MSG_SIZE : MSG_BUFFER_SIZE;
+    const char* before = request.message.get_info.msg_buffer;
+    const char* after = reply.message.get_info.msg_buffer;
+    const size_t length = strnlen(before, capacity);
+    require(memcmp(before, after, length) == 0, "what the request held");
+    require(length == capacity || strnlen(after, capacity) < capacity, "a terminated reply");
+    require(memcmp(before + capacity, after + capacity, MSG_BUFFER_SIZE - capacity) == 0,
+            "an acknowledgement within its capacity");
+}
+
 // The first piece of the input is the configuration that an update finds, the rest is what arrived.
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -40,12 +54,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     next_files = {config.empty() ? CONFIG : config, config};
     require(halvo_answer_request(record.get()) != nullptr, "a line for the log");
     require(record->msg_type == before.msg_type, "the type as it came");
-    if (before.msg_type == UPDATE_CONFIG || before.msg_type == DISABLE_VM_FAILOVER) {
-        const size_t rest = sizeof(record->message) - ACK_MSG_SIZE;
-        require(memcmp(record->message.get_info.msg_buffer + ACK_MSG_SIZE,
-                       before.message.get_info.msg_buffer + ACK_MSG_SIZE, rest) == 0,
-                "an acknowledgement within its capacity");
-    }
+    check_text(before, *record);
     if (child_proc_table_g[0].recur_fail_list != nullptr) {
         halvo_delete_recur_fail_list(child_proc_table_g[0].recur_fail_list);
     }

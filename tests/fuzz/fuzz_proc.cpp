@@ -11,6 +11,15 @@ static void check_percentages(std::initializer_list<float> figures)
     }
 }
 
+// The name counts where it stands in the first line, or what is read of it.
+static void check_name()
+{
+    const std::string status = next_files.empty() ? "" : next_files.front().substr(0, 99);
+    const std::string line = status.substr(0, status.find_first_of(std::string("\n\0", 2)));
+    const int expected = line.find("lunet") == std::string::npos ? -1 : 7;
+    require(halvo_confirm_held_pid("lunet", 7) == expected, "the name in the first line");
+}
+
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     halvo_child_proc_info_st entry{};
@@ -23,7 +32,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         halvo_system_cpu_usage(&total, &vm_info_g);
         halvo_process_cpu_usage(total, &entry, 0);
         halvo_process_memory_usage(&entry);
-        halvo_confirm_held_pid("lunet", entry.pid);
+        check_name();
         check_percentages({vm_info_g.cpu_kernel, vm_info_g.cpu_user, vm_info_g.cpu_idle,
                            vm_info_g.cpu_tot_usage, entry.proc_cpu_kernel, entry.proc_cpu_user,
                            entry.proc_cpu_tot_usage});
