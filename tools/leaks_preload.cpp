@@ -10,7 +10,7 @@
 
 static const pid_t daemon_pid = getpid();  // its forked children leave the same way
 
-extern "C" [[noreturn]] void _exit(int status)
+extern "C" void _exit(int status)
 {
     const auto find_leaks =
         reinterpret_cast<int (*)()>(dlsym(RTLD_DEFAULT, "__lsan_do_recoverable_leak_check"));
