@@ -63,7 +63,9 @@ void halvo_exec_command(const halvo_command_st* split, const char* command)
 {
     // What was ignored when the daemon was started would stay ignored through the exec.
     for (int signo = 1; signo < NSIG; ++signo) {
-        signal(signo, SIG_DFL);
+        if (sigismember(&reset_signals_g, signo) == 1) {
+            signal(signo, SIG_DFL);
+        }
     }
     pthread_sigmask(SIG_SETMASK, &start_signal_mask_g, nullptr);
     errno = ENOENT;

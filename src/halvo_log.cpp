@@ -40,10 +40,9 @@ static bool log_takes_lines()
 {
     static bool stuck;
     const sockaddr_un address = {AF_UNIX, _PATH_LOG};
-    pollfd probe = {socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), POLLOUT, 0};
+    static pollfd probe = {socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), POLLOUT, 0};
     const bool there = connect(probe.fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     stuck = there && poll(&probe, 1, stuck ? SHORT_PATIENCE : PATIENCE) == 0;
-    close(probe.fd);
     return !stuck;
 }
 

@@ -89,6 +89,17 @@ static void* halvo_signal_thread(void*)
     }
 }
 
+// To reset each signal in each child would cost every start some 60 system calls.
+static void note_changed_signals()
+{
+    for (int signo = 1; signo < NSIG; ++signo) {
+        struct sigaction action {};
+        if (sigaction(signo, nullptr, &action) == 0 && action.sa_handler != SIG_DFL) {
+            sigaddset(&reset_signals_g, signo);
+        }
+    }
+}
+
 int halvo_signal_init()
 {
     const sigset_t signals = table_signals();
@@ -102,6 +113,7 @@ int halvo_signal_init()
             return -1;
         }
     }
+    note_changed_signals();
     pthread_t tid{};
     if (pthread_create(&tid, nullptr, halvo_signal_thread, nullptr) != 0) {
         halvo_log(LOG_ERR, "Unable to start the signal thread\n");

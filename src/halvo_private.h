@@ -150,6 +150,7 @@ inline halvo_vm_info_st new_vm_info_g;
 inline int halvo_debug_mode_g;        // ENABLE: debug lines are logged; halvo_load()
 inline const char* program;           // the last component of argv[0]
 inline sigset_t start_signal_mask_g;  // what the daemon was started with; every program it starts gets it
+inline sigset_t reset_signals_g;      // those that are ignored or handled, and are not for what it starts
 
 // Order: this lock, then the log's. Never held across a script's run, popen() to pclose(), a sleep,
 // socket I/O, the opening of commands' files, or the set-up and stop of the watchdog; but start-up holds
