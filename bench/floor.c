@@ -128,6 +128,7 @@ static void exchange(const char* path)
     const int server = socket(AF_UNIX, SOCK_STREAM, 0);
     strcpy(address.sun_path, path);
     check(connect(server, (const struct sockaddr*)&address, sizeof address) == 0, path);
+    memset(record, 0, sizeof record);  // halvo's text goes behind what is there
     record[0] = GET_ALL_STATUS;
     check(write(server, record, sizeof record) == sizeof record, "write");
     check(read(server, record, sizeof record) == sizeof record, "read");
