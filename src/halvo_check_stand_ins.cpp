@@ -88,7 +88,7 @@ void halvo_vappend_msg(char*, size_t, const char*, va_list)
 {
 }
 
-int halvo_arm_watchdog(halvo_vm_info_st*)
+int halvo_switch_failover_on(halvo_vm_info_st*)
 {
     return -1;
 }

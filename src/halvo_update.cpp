@@ -63,24 +63,23 @@ static void take_over_intervals()
     halvo_store(vm_info_g.wd_timeout, new_vm_info_g.wd_timeout);
 }
 
-// Starts or stops the watchdog when the switch changed. The switch gets its new value also when that fails;
-// on, it is not seen before the device is armed, or the watchdog thread would take the silence for a
-// failover.
+// Starts or stops the watchdog when the switch changed. The switch keeps its new value when that fails.
 static int take_over_failover(char* ack_msg)
 {
     const int failover = new_vm_info_g.vm_failover_flag;
     if (failover == halvo_load(vm_info_g.vm_failover_flag)) {
         return 0;
     }
-    const int result = failover == ENABLE ? halvo_arm_watchdog(&vm_info_g) : 0;
-    halvo_store(vm_info_g.vm_failover_flag, failover);
-    if (result != 0) {
+    if (failover == ENABLE && halvo_switch_failover_on(&vm_info_g) != 0) {
         report(LOG_ALERT, ack_msg, "Not able to initialize the watch dog device\n");
         return -1;
     }
-    if (failover == DISABLE && halvo_watchdog_stop(&vm_info_g) != 0) {
-        report(LOG_ALERT, ack_msg, "Not able to stop watch dog device\n");
-        return -1;
+    if (failover == DISABLE) {
+        halvo_store(vm_info_g.vm_failover_flag, failover);
+        if (halvo_watchdog_stop(&vm_info_g) != 0) {
+            report(LOG_ALERT, ack_msg, "Not able to stop watch dog device\n");
+            return -1;
+        }
     }
     return 0;
 }

@@ -15,7 +15,10 @@ static constexpr const char* WATCHDOG_DEV = "/dev/watchdog";
 
 static std::mutex device_lock;
 
-static unsigned arm_count;  // how often the device was armed; halvo_load()
+// Read and written with halvo_load() and halvo_store() or in one atomic step.
+static unsigned arm_count;          // how often the device was armed
+static unsigned failover_requests;  // how often a failover was asked for
+static int switching_on;            // 1: failover is on, the device not yet armed
 
 // What disarming gave, to be logged once the device lock is released.
 enum class disarm_result { NOT_OPEN, DISARMED, WRITE_FAILED };
@@ -123,11 +126,9 @@ int halvo_watchdog_init(halvo_vm_info_st* vm_info)
     device_lock.lock();
     vm_info->wd_dev_fd = -1;
     device_lock.unlock();
-    return halvo_load(vm_info->vm_failover_flag) == DISABLE ? 0 : halvo_arm_watchdog(vm_info);
-}
-
-int halvo_arm_watchdog(halvo_vm_info_st* vm_info)
-{
+    if (halvo_load(vm_info->vm_failover_flag) == DISABLE) {
+        return 0;
+    }
     if (halvo_open_watchdog_dev(vm_info) != 0) {
         return -1;
     }
@@ -146,8 +147,23 @@ int halvo_arm_watchdog(halvo_vm_info_st* vm_info)
     return -1;
 }
 
+// A process may be lost as soon as the switch is on: the device armed after that must not be tickled.
+int halvo_switch_failover_on(halvo_vm_info_st* vm_info)
+{
+    const unsigned requests = halvo_load(failover_requests);
+    halvo_store(switching_on, 1);
+    halvo_store(vm_info->vm_failover_flag, ENABLE);
+    const int result = halvo_watchdog_init(vm_info);
+    if (result == 0 && halvo_load(failover_requests) != requests) {
+        halvo_store(vm_info->wd_tick_flag, 0);
+    }
+    halvo_store(switching_on, 0);
+    return result;
+}
+
 void halvo_request_failover(halvo_vm_info_st* vm_info)
 {
+    __atomic_add_fetch(&failover_requests, 1, __ATOMIC_SEQ_CST);
     halvo_store(vm_info->wd_tick_flag, 0);
 }
 
@@ -219,6 +235,14 @@ static void sleep_until_next_tick(int seconds, unsigned seen_arm_count)
     }
 }
 
+// The device is not tickled: on purpose, unless failover is just being switched on or was so since the flag
+// was looked at.
+static bool is_failover_due(const halvo_vm_info_st* vm_info, unsigned seen_arm_count)
+{
+    return halvo_load(vm_info->vm_failover_flag) == ENABLE && halvo_load(switching_on) == 0 &&
+           halvo_load(arm_count) == seen_arm_count;
+}
+
 void* halvo_watchdog_thread(void* thread_arg)
 {
     auto* vm_info = static_cast<halvo_vm_info_st*>(thread_arg);
@@ -232,7 +256,7 @@ void* halvo_watchdog_thread(void* thread_arg)
                 halvo_log(LOG_CRIT, "Watchdog tickling failed\n");
             }
             sleep_seconds = halvo_load(vm_info->wd_tick_intvl);
-        } else if (halvo_load(vm_info->vm_failover_flag) == ENABLE) {
+        } else if (is_failover_due(vm_info, seen_arm_count)) {
             halvo_log(LOG_CRIT, "Process manager disabled the watchdog tickling. VM is going to failover.\n");
             sleep_seconds = halvo_load(vm_info->wd_timeout);
         }

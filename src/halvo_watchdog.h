@@ -12,13 +12,13 @@
 
 #include "halvo_private.h"
 
-// Opens the device, programs wd_timeout (seconds) and lets the thread tickle. Returns 0, or -1 with a
-// message, the device disarmed and closed. Main thread at start-up, control thread later; never while the
-// device is open.
-int halvo_arm_watchdog(halvo_vm_info_st* vm_info);
-
-// The same unless vm_failover_flag is DISABLE: then nothing is opened, and 0 returned.
+// Opens the device, programs wd_timeout (seconds) and lets the thread tickle. Returns 0, also when
+// vm_failover_flag is DISABLE and nothing is opened, or -1 with a message, the device disarmed and closed.
+// Main thread at start-up, control thread later; never while the device is open.
 int halvo_watchdog_init(halvo_vm_info_st* vm_info);
+
+// Sets vm_failover_flag to ENABLE, where it stays, and does the same. Control thread.
+int halvo_switch_failover_on(halvo_vm_info_st* vm_info);
 
 // Stops the keepalives, then disarms and closes the device. Returns -1 when it was not open. Any thread.
 int halvo_watchdog_stop(halvo_vm_info_st* vm_info);
