@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 
 #include "halvo_log.h"
@@ -29,7 +31,13 @@ void halvo_copy_text(char* field, size_t size, const char* text)
 halvo_file halvo_open_file(const char* path)
 {
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    return {fd == -1 ? nullptr : fdopen(fd, "r"), fclose};
+    FILE* file = fd == -1 ? nullptr : fdopen(fd, "r");
+    if (file == nullptr && fd != -1) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+    }
+    return {file, fclose};
 }
 
 int halvo_read_clock(time_t* now)
