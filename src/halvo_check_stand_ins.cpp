@@ -54,14 +54,6 @@ void halvo_vlog(int priority, const char* format, va_list args)
     errno = saved_errno;
 }
 
-void halvo_log(int priority, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    halvo_vlog(priority, format, args);
-    va_end(args);
-}
-
 void halvo_log_errno(int)
 {
     if (line_open && !halvo_check_silent_g) {

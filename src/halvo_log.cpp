@@ -73,14 +73,6 @@ void halvo_vlog(int priority, const char* format, va_list args)
     errno = saved_errno;
 }
 
-void halvo_log(int priority, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    halvo_vlog(priority, format, args);
-    va_end(args);
-}
-
 const char* halvo_error_text(int error)
 {
     return strerror(error);  // glibc keeps an unnamed number's text per thread

@@ -24,8 +24,14 @@ void halvo_log_close();
 
 // Logs one line at a LOG_ priority of syslog(3). LOG_DEBUG lines are dropped unless halvo_debug_mode_g
 // is ENABLE. The text brings its own line feed.
-void halvo_log(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void halvo_vlog(int priority, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
+__attribute__((format(printf, 2, 3))) inline void halvo_log(int priority, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    halvo_vlog(priority, format, args);
+    va_end(args);
+}
 
 // The text of an error number, see strerror(3). Good until the calling thread asks again.
 const char* halvo_error_text(int error);
