@@ -40,8 +40,9 @@ static bool log_takes_lines()
 {
     static bool stuck;
     const sockaddr_un address = {AF_UNIX, _PATH_LOG};
-    static pollfd probe = {socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), POLLOUT, 0};
-    const bool there = connect(probe.fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    static const int probe_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    pollfd probe = {.fd = probe_fd, .events = POLLOUT, .revents = 0};
+    const bool there = connect(probe_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     stuck = there && poll(&probe, 1, stuck ? SHORT_PATIENCE : PATIENCE) == 0;
     return !stuck;
 }
