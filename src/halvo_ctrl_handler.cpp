@@ -40,7 +40,7 @@ void halvo_vappend_msg(char* text, size_t capacity, const char* format, va_list 
         halvo_vlog(LOG_INFO, format, args);
         return;
     }
-    std::array<char, 1024> per_msg_buf{};
+    std::array<char, 1024> per_msg_buf;
     if (vsnprintf(per_msg_buf.data(), per_msg_buf.size(), format, args) >=
         static_cast<int>(per_msg_buf.size())) {
         per_msg_buf[per_msg_buf.size() - 2] = '\n';
