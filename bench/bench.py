@@ -19,7 +19,7 @@ from pathlib import Path
 from statistics import median, quantiles
 
 BUILD = "/mnt/build-bench"
-HALVO, HOST = f"{BUILD}/halvo", f"{BUILD}/tools/halvo_host"
+HALVO = f"{BUILD}/halvo"
 FIRST, FLOOR, PRELOAD = (f"{BUILD}/bench/{name}" for name in ("first", "floor", "libnofile_preload.so"))
 HALVO_SOCKET, FLOOR_SOCKET = "/tmp/halvo_socket", "/tmp/floor_socket"
 # Before a daemon that is not the only one: its lock and its socket are out of the others' way.
@@ -38,6 +38,13 @@ def p99(values):
 
 def spawn(*command):
     return os.posix_spawnp(command[0], [str(word) for word in command], os.environ)
+
+
+def spawn_server(role, path):
+    pid = spawn(FLOOR, role, path)
+    while not os.path.exists(path):
+        os.sched_yield()
+    return pid
 
 
 def end(*pids):
@@ -256,9 +263,7 @@ def measure_mappings(pid):
 
 
 def show_clients():
-    bare = spawn(FLOOR, "serve", FLOOR_SOCKET)
-    while not os.path.exists(FLOOR_SOCKET):
-        os.sched_yield()
+    bare = spawn_server("serve", FLOOR_SOCKET)
     ours, theirs, served, bare_served = [], [], [], []
     for _ in range(20):
         ours += numbers(FLOOR, "run", 15, HALVO, "-s")
@@ -363,12 +368,11 @@ def measure():
 
 
 def main():
-    with subprocess.Popen(f"{HOST} | (head -n 1; exec cat > /dev/null)", shell=True, stdout=subprocess.PIPE) as host:
-        try:
-            host.stdout.readline()
-            measure()
-        finally:
-            host.kill()
+    log = spawn_server("log", "/dev/log")
+    try:
+        measure()
+    finally:
+        end(log)
 
 
 main()

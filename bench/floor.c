@@ -108,12 +108,27 @@ static void pass(char** args)
     }
 }
 
+static int open_server(int type, const char* path)
+{
+    const int server = socket(AF_UNIX, type, 0);
+    strcpy(address.sun_path, path);
+    check(bind(server, (const struct sockaddr*)&address, sizeof address) == 0, path);
+    return server;
+}
+
+// log SOCKET: a system log that reads, and no more.
+static void take_lines(char** args)
+{
+    const int server = open_server(SOCK_DGRAM, args[0]);
+    for (;;) {
+        check(read(server, record, sizeof record) > 0, "read");
+    }
+}
+
 // serve SOCKET: takes a record, gives it back.
 static void serve(char** args)
 {
-    const int server = socket(AF_UNIX, SOCK_STREAM, 0);
-    strcpy(address.sun_path, args[0]);
-    check(bind(server, (const struct sockaddr*)&address, sizeof address) == 0, args[0]);
+    const int server = open_server(SOCK_STREAM, args[0]);
     check(listen(server, 5) == 0, "listen");
     for (;;) {
         const int client = accept(server, NULL, NULL);
@@ -193,8 +208,9 @@ int main(int argc, char** argv)
     static const struct {
         const char* name;
         void (*play)(char** args);
-    } roles[] = {{"restart", restart}, {"beat", beat},         {"pass", pass}, {"serve", serve},
-                 {"client", client},   {"requests", requests}, {"run", run},   {"crowd", crowd}};
+    } roles[] = {{"restart", restart},   {"beat", beat},   {"pass", pass},
+                 {"log", take_lines},    {"serve", serve}, {"client", client},
+                 {"requests", requests}, {"run", run},     {"crowd", crowd}};
     for (size_t i = 0; argc > 2 && i < sizeof roles / sizeof *roles; ++i) {
         if (strcmp(argv[1], roles[i].name) == 0) {
             roles[i].play(argv + 2);
