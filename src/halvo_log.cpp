@@ -39,10 +39,17 @@ void halvo_log_close()
 static bool log_takes_lines()
 {
     static bool stuck;
+    static int probe_fd = -1;
     const sockaddr_un address = {AF_UNIX, _PATH_LOG};
-    static const int probe_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const auto connect_probe = [&] {
+        return connect(probe_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    };
+    bool there = connect_probe();
+    if (!there && errno == EBADF) {  // not made yet, or in a child that has closed every descriptor
+        probe_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        there = connect_probe();
+    }
     pollfd probe = {.fd = probe_fd, .events = POLLOUT, .revents = 0};
-    const bool there = connect(probe_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     stuck = there && poll(&probe, 1, stuck ? SHORT_PATIENCE : PATIENCE) == 0;
     return !stuck;
 }

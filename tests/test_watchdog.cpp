@@ -2,6 +2,7 @@
 
 #include <sched.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <syslog.h>
 
@@ -143,7 +144,7 @@ TEST_F(WatchdogSandbox, AFailedKeepaliveDisarmsTheDevice)
 }
 
 // From the first line on nobody reads the log: processes are started again, keepalives are sent, clients are
-// answered and the VM fails over all the same.
+// answered, and the VM fails over all the same when a program cannot be executed any more.
 TEST_F(WatchdogSandbox, AStuckLogStopsNothing)
 {
     place_probe("/tmp/critical");
@@ -153,7 +154,7 @@ TEST_F(WatchdogSandbox, AStuckLogStopsNothing)
     ASSERT_EQ(bind(log.fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     write_config("global wd_tick_interval 1\nglobal wd_timeout 4\n" + worker("PROC_RESTART") +
                  "process name c\nc process_type NORMAL\nc start_cmd \"/tmp/critical run\"\n"
-                 "c action VM_FAILOVER\n");
+                 "c action PROC_RESTART\nc recur_fail_interval 60\nc recur_fail_restart_count 2\n");
     start_daemon();
     for (int kills = 0; kills < 5; ++kills) {
         const pid_t pid = find_process("sleep");
@@ -164,6 +165,7 @@ TEST_F(WatchdogSandbox, AStuckLogStopsNothing)
     }
     EXPECT_EQ(run_halvo("-s", seconds(20)).status, 0);
     EXPECT_EQ(vm->count(HOST_DEVICE, "expired"), 0U);
+    ASSERT_EQ(chmod("/tmp/critical", 0600), 0);
     ASSERT_EQ(kill(find_process("critical"), SIGKILL), 0);
     vm->wait_for(HOST_DEVICE, "expired", seconds(20));
     EXPECT_EQ(vm->count(HOST_DEVICE, "magic"), 0U);
