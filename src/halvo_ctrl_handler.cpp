@@ -41,6 +41,7 @@ void halvo_vappend_msg(char* text, size_t capacity, const char* format, va_list 
         return;
     }
     std::array<char, 1024> per_msg_buf;
+    per_msg_buf.front() = '\0';  // what a failing vsnprintf leaves
     if (vsnprintf(per_msg_buf.data(), per_msg_buf.size(), format, args) >=
         static_cast<int>(per_msg_buf.size())) {
         per_msg_buf[per_msg_buf.size() - 2] = '\n';
