@@ -66,7 +66,7 @@ halvo_ctime_text halvo_ctime(time_t)
     return {};
 }
 
-pid_t halvo_fork()
+pid_t halvo_fork(size_t)
 {
     errno = ENOSYS;
     return -1;

@@ -46,5 +46,7 @@ void halvo_log_errno(int priority);
 // The local time as ctime(3) writes it, line feed included.
 halvo_ctime_text halvo_ctime(time_t when);
 
-// fork(2) with the log's lock held across it and free on both sides. Returns what fork returns.
-pid_t halvo_fork();
+// fork(2) with the log's lock held across it and free on both sides, for a child that may find the heap and
+// stdio locked for ever: it closes descriptors, execs or, when it can not, logs lines with a text of up to
+// text_length characters, and exits. Returns what fork returns.
+pid_t halvo_fork(size_t text_length);

@@ -92,11 +92,25 @@ TEST_F(SupervisionSandbox, NoExitIsLostBesideScriptsAndPidof)
     RecordProperty("slowest_restart_us", std::to_string(slowest.count()));
 }
 
-// A child that inherits the log's lock held would hang before its exec and look alive for ever.
+// Of the sanitizers; see their allocator_interface.h.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*, size_t),
+                                                         void (*free_hook)(const volatile void*));
+
+static void hang_in_child(const volatile void*, size_t)
+{
+    static const pid_t parent_pid = getpid();
+    while (getpid() != parent_pid) {
+        pause();
+    }
+}
+
+// A child that inherits a lock held, the log's or the heap's, would hang before its exec and look alive.
 TEST_F(SupervisionSandbox, AChildNeverHangsBeforeItsExec)
 {
     halvo_child_proc_info_st* entry = add_process("w", "/nonexistent/program", NOP);
+    const std::string longer = "/nonexistent/" + std::string(887, 'x');
     ASSERT_EQ(halvo_signal_init(), 0);
+    ASSERT_GT(__sanitizer_install_malloc_and_free_hooks(hang_in_child, [](const volatile void*) {}), 0);
     const auto chatter = [](const std::stop_token& stop) {
         while (!stop.stop_requested()) {
             halvo_log(LOG_INFO, "chatter\n");
@@ -104,10 +118,15 @@ TEST_F(SupervisionSandbox, AChildNeverHangsBeforeItsExec)
     };
     const std::jthread first(chatter);
     const std::jthread second(chatter);
+    vm->wait_for(LOG_INFO, "chatter\n", seconds(20));
     for (int start = 0; start < 200; ++start) {
         const size_t before = vm->count(HOST_ANY, "*");
+        if (start == 100) {
+            halvo_copy_text(entry->start_cmd, CMD_SIZE, longer.c_str());
+        }
         ASSERT_EQ(halvo_spawn_process(entry), 0);
-        vm->wait_for(LOG_ERR, "[/nonexistent/program]: execvp failed\n", seconds(20), before);
+        const std::string failure = "[" + std::string(entry->start_cmd) + "]: execvp failed\n";
+        vm->wait_for(LOG_ERR, failure, seconds(20), before);
         vm->wait_for(LOG_ALERT, "Process 'w' terminated; pid [*]; exit code [1]\n", seconds(20), before);
     }
 }

@@ -61,14 +61,23 @@ extern "C" int preload_open(const char* path, int flags, mode_t mode)
 
 __asm__(".globl open64, __open_2, __open64_2\n.set open64, open\n.set __open_2, open\n.set __open64_2, open");
 
-extern "C" pid_t fork()
+static pid_t fork_by(const char* name)
 {
-    static const auto next = reinterpret_cast<decltype(&fork)>(dlsym(RTLD_NEXT, "fork"));
     if (access("/tmp/no_fork", F_OK) != 0) {
-        return next();
+        return reinterpret_cast<decltype(&fork)>(dlsym(RTLD_NEXT, name))();
     }
     errno = EAGAIN;
     return -1;
+}
+
+extern "C" pid_t fork()
+{
+    return fork_by("fork");
+}
+
+extern "C" pid_t _Fork()
+{
+    return fork_by("_Fork");
 }
 
 extern "C" time_t time(time_t* timer)
