@@ -5,10 +5,13 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <limits>
 #include <string>
 #include <thread>
 #include <vector>
@@ -243,10 +246,15 @@ static int connect_client()
     return fd;
 }
 
-static size_t count_descriptors(pid_t pid)
+// At rest: the daemon may be reading a file, or be about to close the last client's connection.
+static std::ptrdiff_t count_descriptors(pid_t pid)
 {
-    const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd");
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+    auto fewest = std::numeric_limits<std::ptrdiff_t>::max();
+    for (int look = 0; look < 1000; ++look) {
+        const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd");
+        fewest = std::min(fewest, std::distance(begin(entries), end(entries)));
+    }
+    return fewest;
 }
 
 TEST_F(ControlSandbox, WhateverArrivesTheNextClientIsServed)
@@ -259,7 +267,7 @@ TEST_F(ControlSandbox, WhateverArrivesTheNextClientIsServed)
     struct stat status {};
     ASSERT_EQ(stat(HALVO_SOCKET, &status), 0);
     EXPECT_EQ(status.st_mode & 0777U, 0600U);
-    const size_t descriptors = count_descriptors(daemon);
+    const auto descriptors = count_descriptors(daemon);
 
     const std::string text_request("\x02\0\0\0", 4);
     const std::vector<std::string> requests = {"",
