@@ -227,7 +227,7 @@ static void start_normal_processes()
 // Everything up to the main loop. Returns the loop's period in seconds.
 static unsigned start_server()
 {
-    mallopt(M_ARENA_MAX, 1);  // each fork would copy, and look after, a heap for each thread
+    mallopt(M_ARENA_MAX, 1);  // each fork would copy a heap for each thread
     open_standard_descriptors();
     halvo_log_open();
     lock_instance();

@@ -100,6 +100,7 @@ int halvo_start_process(halvo_child_proc_info_st* proc_info)
     return 0;
 }
 
+// An entry of another type may hold the same pid, of a program that two entries name or of one long gone.
 static halvo_child_proc_info_st* find_normal_by_pid(pid_t pid)
 {
     for (int i = 0; i < vm_info_g.mon_proc_num; ++i) {
