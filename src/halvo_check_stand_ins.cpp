@@ -26,6 +26,10 @@ void halvo_log_close()
     }
 }
 
+void halvo_log_hurry()
+{
+}
+
 void halvo_vlog(int priority, const char* format, va_list args)
 {
     if (priority > LOG_WARNING || halvo_check_silent_g) {

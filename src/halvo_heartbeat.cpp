@@ -360,7 +360,7 @@ void* halvo_heartbeat_thread(void* thread_arg)
 {
     auto* vm_info = static_cast<halvo_vm_info_st*>(thread_arg);
     file_watch_st file_watch{};
-    halvo_raise_priority();
+    halvo_be_punctual();
     start_heartbeat(vm_info, &file_watch);
     while (true) {
         serve_next_event(vm_info, file_watch);

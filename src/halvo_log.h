@@ -2,8 +2,8 @@
 //
 // Every function may be called from any thread and leaves errno as it found it. One plain mutex guards
 // syslog, ctime_r and fork together: a child forked while another thread is inside one of the two others
-// would inherit their locks held and hang before its exec. A log daemon that does not take a line within 2
-// seconds loses it, and is told the number of lost lines later.
+// would inherit their locks held and hang before its exec. A log daemon that does not take a line within a
+// second loses it, and is told the number of lost lines later. The lock is not held while it is waited for.
 
 #pragma once
 
@@ -21,6 +21,10 @@ void halvo_log_open();
 
 // Closes the connection. Lines logged afterwards are dropped.
 void halvo_log_close();
+
+// From now on the calling thread waits 10 milliseconds for a log daemon that does not take its line, no
+// longer.
+void halvo_log_hurry();
 
 // Logs one line at a LOG_ priority of syslog(3). LOG_DEBUG lines are dropped unless halvo_debug_mode_g
 // is ENABLE. The text brings its own line feed.

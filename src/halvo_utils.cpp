@@ -51,8 +51,9 @@ int halvo_read_clock(time_t* now)
     return 0;
 }
 
-void halvo_raise_priority()
+void halvo_be_punctual()
 {
+    halvo_log_hurry();
     const sched_param priority = {.sched_priority = 1};
     sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &priority);
 }

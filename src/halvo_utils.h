@@ -40,9 +40,10 @@ halvo_file halvo_open_file(const char* path);
 // Reads the wall clock, seconds since the epoch. Returns 0, or -1 with messages. See time(2).
 int halvo_read_clock(time_t* now);
 
-// Gives the calling thread the lowest real-time priority, see sched(7), where the daemon has the right to it;
-// what it forks gets none. For the two threads whose punctuality keeps a healthy VM alive.
-void halvo_raise_priority();
+// For the two threads whose punctuality keeps a healthy VM alive: the calling thread waits no longer for the
+// log than halvo_log_hurry() says, and gets the lowest real-time priority, see sched(7), where the daemon has
+// the right to it; what it forks gets none.
+void halvo_be_punctual();
 
 // True unless the command field holds the marker for no command.
 bool halvo_has_command(const char* command);

@@ -247,7 +247,7 @@ void* halvo_watchdog_thread(void* thread_arg)
 {
     auto* vm_info = static_cast<halvo_vm_info_st*>(thread_arg);
     int sleep_seconds = halvo_load(vm_info->wd_tick_intvl);
-    halvo_raise_priority();
+    halvo_be_punctual();
     halvo_log(LOG_DEBUG, "halvo_watchdog_thread: Thread started\n");
     while (true) {
         const unsigned seen_arm_count = halvo_load(arm_count);

@@ -7,6 +7,8 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <chrono>
 #include <memory>
@@ -27,6 +29,10 @@ protected:
     static void write_file(const std::string& path, const std::string& text, mode_t mode = 0644);
     static void write_config(const std::string& text);
     static std::string read_file(const std::string& path);
+
+    // Puts a socket that nobody reads in the place of the host's log, and returns it.
+    static constexpr sockaddr_un log_address{AF_UNIX, "/dev/log"};
+    static int take_over_log();
 
     // Puts the probe (see probe.cpp) under a name that pidof can find it by.
     static void place_probe(const std::string& path);

@@ -61,16 +61,24 @@ TEST_F(HeartbeatSandbox, RewritesNeverLeaveAMixOrADescriptor)
     EXPECT_EQ(descriptors(), before);
 }
 
+static int open_peer()
+{
+    const int peer = socket(AF_INET, SOCK_DGRAM, 0);
+    const sockaddr_in address{AF_INET, htons(54321), {htonl(INADDR_LOOPBACK)}, {}};
+    EXPECT_EQ(bind(peer, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return peer;
+}
+
+static bool hears_beat(const host_fd& peer, int patience)
+{
+    pollfd ready{peer.fd, POLLIN, 0};
+    std::string text(poll(&ready, 1, patience) == 1 ? 4 : 0, '\0');
+    return !text.empty() && recv(peer.fd, text.data(), 4, MSG_TRUNC) == 4 && text == "\xAB\xBA\xDC\xFE";
+}
+
 TEST_F(HeartbeatSandbox, BeatsEvery50MsUntilAProcessIsLost)
 {
-    const host_fd peer{socket(AF_INET, SOCK_DGRAM, 0)};
-    const sockaddr_in address{AF_INET, htons(54321), {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(bind(peer.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    const auto hears = [&peer](int patience) {
-        pollfd ready{peer.fd, POLLIN, 0};
-        std::string text(poll(&ready, 1, patience) == 1 ? 4 : 0, '\0');
-        return !text.empty() && recv(peer.fd, text.data(), 4, MSG_TRUNC) == 4 && text == "\xAB\xBA\xDC\xFE";
-    };
+    const host_fd peer{open_peer()};
     place_probe("/tmp/lunet");
     write_config(
         "process name w\nw process_type NORMAL\nw action PROC_RESTART\nw start_cmd \"/bin/sleep 1000\"\n");
@@ -81,7 +89,7 @@ TEST_F(HeartbeatSandbox, BeatsEvery50MsUntilAProcessIsLost)
         find_process("lunet");
         const pid_t daemon = start_daemon();
         do {  // a loaded machine is given the time for 40 beats in 2 s
-            ASSERT_TRUE(hears(20000) && beats.size() < 2000);
+            ASSERT_TRUE(hears_beat(peer, 20000) && beats.size() < 2000);
             beats.push_back(host_clock::now());
         } while (beats.size() < 41 || std::chrono::abs(beats.back() - *(beats.end() - 41) - 2s) > 100ms);
         const pid_t killed = find_process(name);
@@ -91,10 +99,31 @@ TEST_F(HeartbeatSandbox, BeatsEvery50MsUntilAProcessIsLost)
         // A lunet that comes back, even under the pid of the lost process, comes too late.
         start("sh -c 'echo " + std::to_string(killed - 1) +
               " >/proc/sys/kernel/ns_last_pid; /tmp/lunet run & wait'");
-        while (hears(0)) {
+        while (hears_beat(peer, 0)) {
         }
-        EXPECT_FALSE(hears(1000) && hears(1000));
+        EXPECT_FALSE(hears_beat(peer, 1000) && hears_beat(peer, 1000));
         ASSERT_TRUE(kill(daemon, SIGKILL) == 0 && wait_exit(daemon, 20s) == 128 + SIGKILL);
         kill(find_process("sleep"), SIGKILL);
+    }
+}
+
+// The change of the address is the first line that nobody reads.
+TEST_F(HeartbeatSandbox, AStuckLogHoldsUpNoBeat)
+{
+    const host_fd peer{open_peer()};
+    place_probe("/tmp/lunet");
+    start("/tmp/lunet run");
+    find_process("lunet");
+    write_file(info, "eth8_0 127.0.0.1 10.0.0.1\n");
+    write_config("global vm_failover DISABLE\n");
+    start_daemon();
+    ASSERT_TRUE(hears_beat(peer, 20000));
+    const host_fd log{take_over_log()};
+    const auto* address = reinterpret_cast<const sockaddr*>(&log_address);
+    while (sendto(log.fd, "x", 1, MSG_DONTWAIT, address, sizeof(log_address)) == 1) {
+    }
+    write_file(info, "eth8_0 127.0.0.1 10.0.0.2\n");
+    for (int beat = 0; beat < 40; ++beat) {
+        ASSERT_TRUE(hears_beat(peer, 900)) << beat;
     }
 }

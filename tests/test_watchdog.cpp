@@ -148,10 +148,7 @@ TEST_F(WatchdogSandbox, AFailedKeepaliveDisarmsTheDevice)
 TEST_F(WatchdogSandbox, AStuckLogStopsNothing)
 {
     place_probe("/tmp/critical");
-    ASSERT_EQ(rename("/dev/log", "/dev/log.host"), 0);
-    const host_fd log{socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-    const sockaddr_un address{AF_UNIX, "/dev/log"};
-    ASSERT_EQ(bind(log.fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    const host_fd log{take_over_log()};
     write_config("global wd_tick_interval 1\nglobal wd_timeout 4\n" + worker("PROC_RESTART") +
                  "process name c\nc process_type NORMAL\nc start_cmd \"/tmp/critical run\"\n"
                  "c action PROC_RESTART\nc recur_fail_interval 60\nc recur_fail_restart_count 2\n");
