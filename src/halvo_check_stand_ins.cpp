@@ -70,7 +70,7 @@ halvo_ctime_text halvo_ctime(time_t)
     return {};
 }
 
-pid_t halvo_fork(size_t)
+pid_t halvo_fork()
 {
     errno = ENOSYS;
     return -1;

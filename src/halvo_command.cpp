@@ -51,7 +51,7 @@ pid_t halvo_fork_command(const char* command, sigset_t* kept_mask)
     sigaddset(&block, SIGCHLD);
     pthread_sigmask(SIG_BLOCK, &block, kept_mask);
     halvo_log(LOG_DEBUG, "[%s]: Forking\n", command);
-    const pid_t pid = halvo_fork(strlen(command));
+    const pid_t pid = halvo_fork();
     if (pid == -1) {
         halvo_log(LOG_CRIT, "[%s]: Fork failed \n", command);
         pthread_sigmask(SIG_SETMASK, kept_mask, nullptr);

@@ -237,8 +237,7 @@ static void serve_clients(const server_socket_st& server)
         }
         pause_seconds = 1;
         serve_connection(client_sockfd);
-        // A script started meanwhile holds a copy of the connection: the client must see its end all the
-        // same.
+        // A script started meanwhile holds a copy of the connection: the client must see its end anyway.
         shutdown(client_sockfd, SHUT_RDWR);
         close(client_sockfd);
     }

@@ -1,9 +1,10 @@
-// The log: the only room that talks to syslog(3).
+// The log: the only room that talks to the log daemon, with the lines of syslog(3), and forks.
 //
-// Every function may be called from any thread and leaves errno as it found it. One plain mutex guards
-// syslog, ctime_r and fork together: a child forked while another thread is inside one of the two others
-// would inherit their locks held and hang before its exec. A log daemon that does not take a line within a
-// second loses it, and is told the number of lost lines later. The lock is not held while it is waited for.
+// Every function may be called from any thread and leaves errno as it found it. One plain mutex guards the
+// connection, the date and fork together: a child forked while another thread is inside of one of the two
+// others would inherit their locks held and hang before its exec. A log daemon that does not take a line
+// within a second loses it, and is told the number of lost lines later. The lock is not held while it is
+// waited for. Where there is no log daemon, the daemon's lines go to the console.
 
 #pragma once
 
@@ -16,7 +17,8 @@
 // The text of ctime(3): 24 characters, a line feed and the terminator.
 using halvo_ctime_text = std::array<char, 26>;
 
-// Connects to the system log as "halvo", LOG_USER, with the pid in each line. See openlog(3).
+// Connects to the system log at /dev/log as "halvo", LOG_USER, with the pid in each line, as openlog(3) does
+// with LOG_PID, LOG_CONS and LOG_NDELAY. Whoever logs without does so under the program's name.
 void halvo_log_open();
 
 // Closes the connection. Lines logged afterwards are dropped.
@@ -26,8 +28,9 @@ void halvo_log_close();
 // longer.
 void halvo_log_hurry();
 
-// Logs one line at a LOG_ priority of syslog(3). LOG_DEBUG lines are dropped unless halvo_debug_mode_g
-// is ENABLE. The text brings its own line feed.
+// Logs one line of up to 4 kB at a LOG_ priority of syslog(3); what is longer is cut. LOG_DEBUG lines are
+// dropped unless halvo_debug_mode_g is ENABLE. The text brings its own line feed. Takes nothing from the
+// heap.
 void halvo_vlog(int priority, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
 __attribute__((format(printf, 2, 3))) inline void halvo_log(int priority, const char* format, ...)
 {
@@ -51,6 +54,6 @@ void halvo_log_errno(int priority);
 halvo_ctime_text halvo_ctime(time_t when);
 
 // fork(2) with the log's lock held across it and free on both sides, for a child that may find the heap and
-// stdio locked for ever: it closes descriptors, execs or, when it can not, logs lines with a text of up to
-// text_length characters, and exits. Returns what fork returns.
-pid_t halvo_fork(size_t text_length);
+// stdio locked for ever: it closes descriptors, execs or, when it can not, logs, and exits. Returns what fork
+// returns.
+pid_t halvo_fork();

@@ -95,7 +95,7 @@ std::string Sandbox::read_file(const std::string& path)
 
 int Sandbox::take_over_log()
 {
-    const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     check(rename("/dev/log", "/dev/log.host") == 0, "/dev/log");
     check(bind(log, reinterpret_cast<const sockaddr*>(&log_address), sizeof(log_address)) == 0, "/dev/log");
     return log;

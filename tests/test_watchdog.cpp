@@ -1,16 +1,20 @@
 // The device under the real executable: what arms it, what keeps it quiet, and what alone may disarm it.
 
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <syslog.h>
 
+#include <array>
 #include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <string>
 #include <vector>
 
+#include "halvo_log.h"
 #include "sandbox.h"
 
 using WatchdogSandbox = Sandbox;
@@ -166,10 +170,64 @@ TEST_F(WatchdogSandbox, AStuckLogStopsNothing)
     ASSERT_EQ(kill(find_process("critical"), SIGKILL), 0);
     vm->wait_for(HOST_DEVICE, "expired", seconds(20));
     EXPECT_EQ(vm->count(HOST_DEVICE, "magic"), 0U);
-    for (std::string line; line.find("lines were lost: the log did not take them") == std::string::npos;) {
-        line.assign(1024, '\0');
-        ASSERT_GT(recv(log.fd, line.data(), line.size(), 0), 0);
+}
+
+// The texts of the lines that lie in `fd`, a pipe or a socket, without their heads.
+static std::vector<std::string> take_lines(int fd, size_t at_most = SIZE_MAX)
+{
+    std::vector<std::string> lines;
+    std::array<char, 1024> line{};
+    for (ssize_t size = 0; lines.size() < at_most && (size = read(fd, line.data(), line.size())) > 0;) {
+        const std::string text(line.data(), static_cast<size_t>(size));
+        lines.push_back(text.substr(text.find("]: ") + 3));
     }
+    return lines;
+}
+
+// How many lines these account for.
+static size_t count_lines(const std::vector<std::string>& lines)
+{
+    size_t count = 0;
+    for (const std::string& line : lines) {
+        const bool is_notice = line.ends_with(" lines were lost: the log did not take them\n");
+        count += is_notice ? std::stoul(line) : 1;
+    }
+    return count;
+}
+
+// The log's queue may be shorter than a sender's buffer, as the kernel has it, or longer, as init systems set
+// it: a line waits for neither for long, nor for a place behind the notice of those lost before it.
+TEST_F(WatchdogSandbox, NoLineWaitsForAFullLog)
+{
+    for (const size_t queue : {10, 512}) {
+        std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << queue;
+        const host_fd hung{take_over_log()};
+        halvo_log_close();
+        halvo_log_open();
+        for (size_t sent = 0; sent < queue + 20; ++sent) {
+            halvo_log(LOG_INFO, "unread\n");
+        }
+        size_t taken = count_lines(take_lines(hung.fd, 1));
+        halvo_log(LOG_INFO, "one too many\n");
+        taken += count_lines(take_lines(hung.fd));
+        halvo_log(LOG_INFO, "read again\n");
+        taken += count_lines(take_lines(hung.fd));
+        EXPECT_EQ(taken, queue + 22);
+        for (size_t sent = 0; sent < queue + 20; ++sent) {
+            halvo_log(LOG_INFO, "unread\n");
+        }
+        const host_fd successor{take_over_log()};
+        halvo_log(LOG_INFO, "lost with the old one, or the first\n");
+        halvo_log(LOG_INFO, "read again\n");
+        EXPECT_EQ(take_lines(successor.fd).back(), "read again\n");
+    }
+    ASSERT_TRUE(unlink("/dev/log") == 0 && mkfifo("/dev/console", 0600) == 0);
+    halvo_log(LOG_INFO, "nobody there\n");
+    const host_fd console{open("/dev/console", O_RDONLY | O_NONBLOCK)};
+    for (int sent = 0; sent < 10000; ++sent) {  // more than the FIFO takes
+        halvo_log(LOG_INFO, "last resort\n");
+    }
+    EXPECT_EQ(take_lines(console.fd, 1).at(0).find("last resort\n\r\n"), 0U);
 }
 
 // Lost and reported once, failed over on every pass.

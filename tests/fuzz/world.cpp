@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 std::vector<std::string> cut(const uint8_t* data, size_t size)
 {
@@ -34,9 +34,7 @@ void require(bool condition, const char* what)
 extern "C" {
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker's names for what takes a function's place
 int __wrap_open(const char* path, int flags, ...);
-void __wrap_vsyslog(int priority, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
-void __wrap_openlog(const char* identity, int options, int facility);
-void __wrap_closelog();
+ssize_t __wrap_send(int fd, const void* data, size_t size, int flags);
 
 int __wrap_open(const char*, int, ...)
 {
@@ -52,18 +50,10 @@ int __wrap_open(const char*, int, ...)
     return dup(file);
 }
 
-void __wrap_vsyslog(int, const char* format, va_list args)
+ssize_t __wrap_send(int, const void* data, size_t size, int)
 {
-    std::array<char, 8192> line;  // formats read their arguments
-    require(vsnprintf(line.data(), line.size(), format, args) >= 0, "a format that can be printed");
-}
-
-void __wrap_openlog(const char*, int, int)
-{
-}
-
-void __wrap_closelog()
-{
+    require(memchr(data, '\0', size) == nullptr, "a line for the log");
+    return static_cast<ssize_t>(size);
 }
 // NOLINTEND(bugprone-reserved-identifier)
 }
