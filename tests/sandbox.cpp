@@ -31,11 +31,18 @@ static void check(bool success, const std::string& what)
     }
 }
 
+// Datagrams that wait unread at a socket made from now on, and one more; 10 unless an init system sets it.
+static void set_queue_length(int datagrams)
+{
+    std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << datagrams;
+}
+
 void Sandbox::SetUp()
 {
     for (const char* const place : OWN_PLACES) {
         check(mount("tmpfs", place, "tmpfs", 0, nullptr) == 0, place);
     }
+    set_queue_length(512);  // where the host is slow, no line of a thread in a hurry must be lost
     vm = std::make_unique<host>();
     halvo_log_open();  // for tests that call the daemon's code themselves
 }
@@ -93,8 +100,9 @@ std::string Sandbox::read_file(const std::string& path)
     return text.str();
 }
 
-int Sandbox::take_over_log()
+int Sandbox::take_over_log(int queue_length)
 {
+    set_queue_length(queue_length);
     const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     check(rename("/dev/log", "/dev/log.host") == 0, "/dev/log");
     check(bind(log, reinterpret_cast<const sockaddr*>(&log_address), sizeof(log_address)) == 0, "/dev/log");

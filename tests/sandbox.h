@@ -30,9 +30,10 @@ protected:
     static void write_config(const std::string& text);
     static std::string read_file(const std::string& path);
 
-    // Puts a socket that nobody reads in the place of the host's log, and returns it.
+    // Puts a socket that nobody reads, with a queue of so many lines and one more, in the place of the host's
+    // log, and returns it.
     static constexpr sockaddr_un log_address{AF_UNIX, "/dev/log"};
-    static int take_over_log();
+    static int take_over_log(int queue_length = 10);
 
     // Puts the probe (see probe.cpp) under a name that pidof can find it by.
     static void place_probe(const std::string& path);

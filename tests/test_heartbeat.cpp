@@ -115,9 +115,9 @@ TEST_F(HeartbeatSandbox, AStuckLogHoldsUpNoBeat)
     find_process("lunet");
     write_file(info, "eth8_0 127.0.0.1 10.0.0.1\n");
     write_config("global vm_failover DISABLE\n");
+    const host_fd log{take_over_log(100)};  // enough for the start
     start_daemon();
     ASSERT_TRUE(hears_beat(peer, 20000));
-    const host_fd log{take_over_log()};
     const auto* address = reinterpret_cast<const sockaddr*>(&log_address);
     while (sendto(log.fd, "x", 1, MSG_DONTWAIT, address, sizeof(log_address)) == 1) {
     }

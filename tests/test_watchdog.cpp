@@ -10,7 +10,6 @@
 #include <array>
 #include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -185,12 +184,12 @@ static std::vector<std::string> take_lines(int fd, size_t at_most = SIZE_MAX)
 }
 
 // How many lines these account for.
-static size_t count_lines(const std::vector<std::string>& lines)
+static int count_lines(const std::vector<std::string>& lines)
 {
-    size_t count = 0;
+    int count = 0;
     for (const std::string& line : lines) {
         const bool is_notice = line.ends_with(" lines were lost: the log did not take them\n");
-        count += is_notice ? std::stoul(line) : 1;
+        count += is_notice ? std::stoi(line) : 1;
     }
     return count;
 }
@@ -199,21 +198,20 @@ static size_t count_lines(const std::vector<std::string>& lines)
 // it: a line waits for neither for long, nor for a place behind the notice of those lost before it.
 TEST_F(WatchdogSandbox, NoLineWaitsForAFullLog)
 {
-    for (const size_t queue : {10, 512}) {
-        std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << queue;
-        const host_fd hung{take_over_log()};
+    for (const int queue : {10, 512}) {
+        const host_fd hung{take_over_log(queue)};
         halvo_log_close();
         halvo_log_open();
-        for (size_t sent = 0; sent < queue + 20; ++sent) {
+        for (int sent = 0; sent < queue + 20; ++sent) {
             halvo_log(LOG_INFO, "unread\n");
         }
-        size_t taken = count_lines(take_lines(hung.fd, 1));
+        int taken = count_lines(take_lines(hung.fd, 1));
         halvo_log(LOG_INFO, "one too many\n");
         taken += count_lines(take_lines(hung.fd));
         halvo_log(LOG_INFO, "read again\n");
         taken += count_lines(take_lines(hung.fd));
         EXPECT_EQ(taken, queue + 22);
-        for (size_t sent = 0; sent < queue + 20; ++sent) {
+        for (int sent = 0; sent < queue + 20; ++sent) {
             halvo_log(LOG_INFO, "unread\n");
         }
         const host_fd successor{take_over_log()};
