@@ -57,8 +57,8 @@ static void disconnect_log()
 
 void halvo_log_open()
 {
+    halvo_ctime(time(nullptr));  // the first date takes the heap
     const std::lock_guard guard(log_lock);
-    tzset();  // the first date takes the heap
     log_opened = true;
     log_closed = false;
     connect_log();

@@ -1,9 +1,9 @@
 // The log: the only room that talks to the log daemon, with the lines of syslog(3), and forks.
 //
-// Every function may be called from any thread and leaves errno as it found it. One plain mutex guards the
-// connection, the date and fork together: a child forked while another thread is inside of one of the two
-// others would inherit their locks held and hang before its exec. A log daemon that does not take a line
-// within a second loses it, and is told the number of lost lines later. The lock is not held while it is
+// Every function may be called from any thread; those that log leave errno as they found it. One plain mutex
+// guards the connection, the date and fork together: a child forked while another thread is inside of one of
+// the two others would inherit their locks held and hang before its exec. A log daemon that does not take a
+// line within a second loses it, and is told the number of lost lines later. The lock is not held while it is
 // waited for. Where there is no log daemon, the daemon's lines go to the console.
 
 #pragma once
@@ -17,8 +17,9 @@
 // The text of ctime(3): 24 characters, a line feed and the terminator.
 using halvo_ctime_text = std::array<char, 26>;
 
-// Connects to the system log at /dev/log as "halvo", LOG_USER, with the pid in each line, as openlog(3) does
-// with LOG_PID, LOG_CONS and LOG_NDELAY. Whoever logs without does so under the program's name.
+// Connects to the system log, a datagram socket at /dev/log, as "halvo", LOG_USER, with the pid in each line,
+// as openlog(3) does with LOG_PID, LOG_CONS and LOG_NDELAY. Whoever logs without does so under the program's
+// name.
 void halvo_log_open();
 
 // Closes the connection. Lines logged afterwards are dropped.
@@ -28,8 +29,8 @@ void halvo_log_close();
 // longer.
 void halvo_log_hurry();
 
-// Logs one line of up to 4 kB at a LOG_ priority of syslog(3); what is longer is cut. LOG_DEBUG lines are
-// dropped unless halvo_debug_mode_g is ENABLE. The text brings its own line feed. Takes nothing from the
+// Logs one line of up to 4000 bytes at a LOG_ priority of syslog(3); what is longer is cut. LOG_DEBUG lines
+// are dropped unless halvo_debug_mode_g is ENABLE. The text brings its own line feed. Takes nothing from the
 // heap.
 void halvo_vlog(int priority, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
 __attribute__((format(printf, 2, 3))) inline void halvo_log(int priority, const char* format, ...)
