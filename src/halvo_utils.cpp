@@ -187,6 +187,16 @@ static int tokenise_line(char* line, char* line_copy, int line_num, conf_line_st
     return unquoted ? -1 : 0;
 }
 
+// As fgets(3), into a buffer of LINE_SIZE bytes. A file that was damaged in a power failure may hold zeros,
+// and behind one the rest of a line would be missing without a word: such a line sets *has_zero.
+static bool read_line(char* line, FILE* file, bool* has_zero)
+{
+    memset(line, ' ', LINE_SIZE);
+    const bool read = fgets(line, LINE_SIZE, file) != nullptr;
+    *has_zero = read && memrchr(line, '\0', LINE_SIZE) != line + strlen(line);
+    return read;
+}
+
 // Reads line by line to the end of the file. Returns -1 when any line failed.
 static int read_lines(FILE* file, halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
                       decltype(halvo_verify_conf_param)* verify_line)
@@ -196,11 +206,16 @@ static int read_lines(FILE* file, halvo_vm_info_st* vm_info, halvo_child_proc_in
     std::array<char, PROC_NAME_SIZE> proc_name{};
     conf_line_st tokens;
     int line_num = 0;
+    bool has_zero = false;
     bool missing_field = false;
     bool err_in_conffile = false;
 
-    while (fgets(line.data(), LINE_SIZE, file) != nullptr) {
+    while (read_line(line.data(), file, &has_zero)) {
         ++line_num;
+        if (has_zero) {
+            halvo_log(LOG_ERR, "%s[line:%d]: A zero byte in the line\n", halvo_config_file_g, line_num);
+            missing_field = true;
+        }
         line_copy = line;
         if (tokenise_line(line.data(), line_copy.data(), line_num, &tokens) != 0) {
             missing_field = true;

@@ -12,6 +12,7 @@
 #include "sandbox.h"
 
 using ConfigSandbox = Sandbox;
+using namespace std::string_literals;
 
 static int read_config()
 {
@@ -31,7 +32,7 @@ TEST_F(ConfigSandbox, TheExampleIsAcceptedWithoutAWord)
 // What a file is answered with: the result and the whole log, to the byte; "@" stands for the path and what
 // follows it.
 struct faulty_file {
-    const char* text;
+    std::string text;
     int result;
     const char* log;
 };
@@ -43,6 +44,8 @@ struct faulty_file {
 static const std::vector<faulty_file> faulty_files = {
     {"# a comment\n \t\n", 0, ""},
     {"global version\n\nglobal version 99\np start_cmd x\n", -1, "@1]: missing field\n@4]: " UNQUOTED},
+    {"process name a\n\0a action NOP\nglobal\0 version 1\nglobal\n"s, -1,
+     "@2]: A zero byte in the line\n@3]: A zero byte in the line\n@3]: missing field\n@4]: missing field\n"},
     {"global start_cmd x\n", -1, "@1]: " UNQUOTED},
     {"global nope 5\n", 0, "@1]: Invalid VM param name found: nope \n"},
     {"sampled action NOP\n", -1, "@1]: Invalid keyword found: sampled \n" REFUSED},
