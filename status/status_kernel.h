@@ -1,0 +1,35 @@
+// The kernel's knowledge of the daemon and of the watchdog device, from /proc and /sys. The device itself is
+// never opened: that would arm it. A file that cannot be read leaves its figure unknown; no call fails.
+
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "status_report.h"
+
+// A child of the daemon that is no process of a report's.
+struct status_child_st {
+    pid_t pid;
+    int64_t age;          // seconds
+    std::string command;  // its words with one blank between
+};
+
+struct status_kernel_st {
+    status_figure armed;                // 1: the daemon holds the watchdog device
+    status_figure replaced;             // 1: its executable was replaced or removed
+    status_figure age;                  // of the daemon, seconds
+    status_figure lunet;                // 1: a process of that name runs
+    std::string identity;               // of the device, empty = not known
+    status_figure timeout, bootstatus;  // of the device; seconds, bits of WDIOC_GETBOOTSTATUS
+    std::vector<status_child_st>
+        children;  // those older than STATUS_HELD_UP_AGE that are in no line of the report
+};
+
+constexpr int64_t STATUS_HELD_UP_AGE = 5;  // seconds
+
+// Looks at the device, and at the daemon where its pid is not 0. The report tells which children are known
+// processes. A daemon that ends meanwhile leaves figures unknown.
+void status_look(pid_t daemon, const status_report_st& report, status_kernel_st* kernel);
