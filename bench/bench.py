@@ -1,7 +1,9 @@
-"""Measures halvo beside its floors and prints the tables of docs/performance.md. Runs inside scripts/in-vm, which
-shows the repository as /mnt: "bench.py SECONDS", so long each for the heartbeat idle and busy.
+"""Measures halvo beside its baselines and prints the tables of docs/performance.md. Runs inside scripts/in-vm, which
+shows the repository as /mnt: "bench.py SECONDS". It listens to the heartbeat for SECONDS on an idle machine, and again on
+a busy one.
 
-What can be is measured by turns, A B A B, so that a disturbance hits both; the heartbeats run side by side.
+The two sides are measured by turns where possible, A B A B, so that a disturbance hits both; the heartbeats run side
+by side.
 """
 
 import collections
@@ -20,11 +22,11 @@ from statistics import median, quantiles
 
 BUILD = "/mnt/build-bench"
 HALVO = f"{BUILD}/halvo"
-FIRST, FLOOR, PRELOAD = (f"{BUILD}/bench/{name}" for name in ("first", "floor", "libnofile_preload.so"))
-HALVO_SOCKET, FLOOR_SOCKET = "/tmp/halvo_socket", "/tmp/floor_socket"
+FIRST, BASELINE, PRELOAD = (f"{BUILD}/bench/{name}" for name in ("first", "baseline", "libnofile_preload.so"))
+HALVO_SOCKET, BASELINE_SOCKET = "/tmp/halvo_socket", "/tmp/baseline_socket"
 # Before a daemon that is not the only one: its lock and its socket are out of the others' way.
 ALONE = ("unshare", "--mount", "sh", "-c", 'mount -t tmpfs tmpfs /run && mount -t tmpfs tmpfs /tmp && exec "$@"', "sh")
-FLOOR_ADDRESS, HEARTBEAT_PORT = "127.0.0.2", 54321
+BASELINE_ADDRESS, HEARTBEAT_PORT = "127.0.0.2", 54321
 STAMP = struct.Struct("qq")  # what bench/first tells, and a timespec
 SO_TIMESTAMPNS, SO_RCVBUFFORCE = 35, 33
 PATIENCE = 30  # seconds for what takes milliseconds; under valgrind, seconds
@@ -41,7 +43,7 @@ def spawn(*command):
 
 
 def spawn_server(role, path):
-    pid = spawn(FLOOR, role, path)
+    pid = spawn(BASELINE, role, path)
     while not os.path.exists(path):
         os.sched_yield()
     return pid
@@ -89,20 +91,20 @@ class Supervisor:
 
     made = 0
 
-    def __init__(self, count, floor=False, wrapper=(), ring=0, interval=2):
+    def __init__(self, count, baseline=False, wrapper=(), ring=0, interval=2):
         Supervisor.made += 1
         self.count, self.interval, self.pids, self.latencies = count, interval, [], []
         path = f"/var/fifo{self.made}"
         os.mkfifo(path)
         self.fifo = os.open(path, os.O_RDWR)
-        if not floor:
+        if not baseline:
             self.peer = open_peer(f"127.0.1.{self.made}")
             replace("/var/heartbeat_info", f"eth8_0 127.0.1.{self.made} 127.0.0.1")
             replace("/etc/config/halvo.conf", self.configuration(f"{FIRST} {path}", ring))
         before = time.monotonic_ns()
-        self.pid = spawn(*((FLOOR, "restart", count, FIRST, path) if floor else (*wrapper, HALVO)))
+        self.pid = spawn(*((BASELINE, "restart", count, FIRST, path) if baseline else (*wrapper, HALVO)))
         self.start_us = (max(self.read_stamps(), default=before) - before) / 1000
-        if not floor:
+        if not baseline:
             self.peer.recv(16)  # both files are read
 
     def configuration(self, command, ring):
@@ -145,10 +147,10 @@ def table(title, *heads):
     print(f"|{'---|' * len(heads)}")
 
 
-def row(what, unit, value, floor, ratio_limit=None, limit=None, digits=0):
+def row(what, unit, value, baseline, ratio_limit=None, limit=None, digits=0):
     limits = [f"{bound:g} {name}" for bound, name in ((ratio_limit, "x"), (limit, unit)) if bound is not None]
-    missed = (ratio_limit is not None and value / floor > ratio_limit) or (limit is not None and value > limit)
-    line(f"{what}, {unit}", f"{value:.{digits}f}", f"{floor:.{digits}f}", f"{value / floor:.2f}",
+    missed = (ratio_limit is not None and value / baseline > ratio_limit) or (limit is not None and value > limit)
+    line(f"{what}, {unit}", f"{value:.{digits}f}", f"{baseline:.{digits}f}", f"{value / baseline:.2f}",
          " and ".join(limits) + (": missed" if missed else ""))
 
 
@@ -156,7 +158,7 @@ def start_struck():
     struck = {limit: Supervisor(1, wrapper=(*ALONE, "prlimit", f"--nofile={limit}:{limit}")) for limit in (1024, 20000)}
     struck[1048576] = Supervisor(1, wrapper=(*ALONE, "env", f"LD_PRELOAD={PRELOAD}"))
     struck |= {f"ring {nodes}": Supervisor(1, wrapper=ALONE, ring=nodes) for nodes in (1, 10, 60)}
-    struck |= {"bare": Supervisor(1, floor=True), "bare ten": Supervisor(10, floor=True)}
+    struck |= {"bare": Supervisor(1, baseline=True), "bare ten": Supervisor(10, baseline=True)}
     return struck | {"ten": Supervisor(10, wrapper=ALONE)}
 
 
@@ -167,12 +169,12 @@ def show_deaths(struck):
                 time.sleep(GAP)
                 supervisor.strike()
     latencies = {name: supervisor.latencies for name, supervisor in struck.items()}
-    for what, name, floor in (("one dies", 1024, "bare"), ("ten die together", "ten", "bare ten")):
-        for kind, figure, limit in (("median", median, 1.5), ("p99", p99, 3)):
+    for what, name, baseline, most in (("one dies", 1024, "bare", 1.5), ("ten die together", "ten", "bare ten", 1.6)):
+        for kind, figure, limit in (("median", median, most), ("p99", p99, 3)):
             row(f"{what}: to the successor's first instruction, {kind}", "us", figure(latencies[name]),
-                figure(latencies[floor]), limit)
+                figure(latencies[baseline]), limit)
     for limit in (20000, 1048576):
-        row(f"one dies, {limit} descriptors allowed (floor: 1024), median", "us", median(latencies[limit]),
+        row(f"one dies, {limit} descriptors allowed (baseline: 1024), median", "us", median(latencies[limit]),
             median(latencies[1024]), 1.1)
     for supervisor in struck.values():
         supervisor.end()
@@ -194,9 +196,9 @@ def listen(load, halvo_peer, bare_peer):
 
 def show_heartbeats(idle):
     """Returns the microseconds of processor time of a pass by the number of processes."""
-    halvo, bare_peer = idle[10], open_peer(FLOOR_ADDRESS)
-    beat = spawn(FLOOR, "beat", FLOOR_ADDRESS, HEARTBEAT_PORT)
-    reader = spawn(FLOOR, "pass", halvo.interval, *halvo.pids)
+    halvo, bare_peer = idle[10], open_peer(BASELINE_ADDRESS)
+    beat = spawn(BASELINE, "beat", BASELINE_ADDRESS, HEARTBEAT_PORT)
+    reader = spawn(BASELINE, "pass", halvo.interval, *halvo.pids)
     tasks = {"halvo": (f"{halvo.pid}/task/*",), "bare": (beat, reader)}
     tasks |= {count: (f"{daemon.pid}/task/{daemon.pid}",) for count, daemon in idle.items()}
     before = {name: run_ns(*each) for name, each in tasks.items()}
@@ -239,14 +241,14 @@ def rollup(pid, *keys):
     return sum(int(re.search(rf"^{key}: +(\d+)", text, re.MULTILINE)[1]) for key in keys)
 
 
-def start_crowd(count, program=FLOOR):
+def start_crowd(count, program=BASELINE):
     crowd = subprocess.Popen([program, "crowd", str(count)], stdout=subprocess.PIPE)
     crowd.stdout.readline()
     return crowd
 
 
 def show_memory(pid, sleeper):
-    for what, keys, limit in (("proportional", ("Pss",), 1170), ("resident", ("Rss",), None),
+    for what, keys, limit in (("proportional", ("Pss",), 700), ("resident", ("Rss",), None),
                               ("private", ("Private_Clean", "Private_Dirty"), None)):
         row(f"memory, 10 processes: {what}", "kB", rollup(pid, *keys), rollup(sleeper, *keys), limit=limit)
 
@@ -263,13 +265,13 @@ def measure_mappings(pid):
 
 
 def show_clients():
-    bare = spawn_server("serve", FLOOR_SOCKET)
+    bare = spawn_server("serve", BASELINE_SOCKET)
     ours, theirs, served, bare_served = [], [], [], []
     for _ in range(20):
-        ours += numbers(FLOOR, "run", 15, HALVO, "-s")
-        theirs += numbers(FLOOR, "run", 15, FLOOR, "client", HALVO_SOCKET)
-        served += numbers(FLOOR, "requests", 50, HALVO_SOCKET)
-        bare_served += numbers(FLOOR, "requests", 50, FLOOR_SOCKET)
+        ours += numbers(BASELINE, "run", 15, HALVO, "-s")
+        theirs += numbers(BASELINE, "run", 15, BASELINE, "client", HALVO_SOCKET)
+        served += numbers(BASELINE, "requests", 50, HALVO_SOCKET)
+        bare_served += numbers(BASELINE, "requests", 50, BASELINE_SOCKET)
     times, peaks = zip(*(map(median, zip(*runs)) for runs in (ours, theirs)))
     row("halvo -s, exec to exit, median", "ms", *(ns / 1e6 for ns in times), 1.3, 0.9, 3)
     row("halvo -s, peak memory", "kB", *peaks)
@@ -282,15 +284,15 @@ def measure_starts():
     """Medians by the number of processes, halvo's and the bare loop's."""
     starts = collections.defaultdict(list)
     for _ in range(10):
-        for count, floor in ((count, floor) for count in (1, 3, 10) for floor in (False, True)):
-            started = Supervisor(count, floor)
-            starts[count, floor].append(started.start_us)
+        for count, baseline in ((count, baseline) for count in (1, 3, 10) for baseline in (False, True)):
+            started = Supervisor(count, baseline)
+            starts[count, baseline].append(started.start_us)
             started.end()
     return {key: median(times) for key, times in starts.items()}
 
 
 class Counted:
-    """What runs under callgrind: the command goes behind `wrapper`, the pid into `pid`."""
+    """What runs under callgrind: the command follows `wrapper`, the pid into `pid`."""
 
     def __init__(self, name):
         self.name, self.pid = name, 0
@@ -313,8 +315,8 @@ def show_instructions():
     halvo, beat, reader = counted = Counted("halvo"), Counted("beat"), Counted("pass")
     supervisor = Supervisor(10, wrapper=halvo.wrapper)
     halvo.pid = supervisor.pid
-    beat.pid = spawn(*beat.wrapper, FLOOR, "beat", FLOOR_ADDRESS, HEARTBEAT_PORT)
-    reader.pid = spawn(*reader.wrapper, FLOOR, "pass", 2, *supervisor.pids)
+    beat.pid = spawn(*beat.wrapper, BASELINE, "beat", BASELINE_ADDRESS, HEARTBEAT_PORT)
+    reader.pid = spawn(*reader.wrapper, BASELINE, "pass", 2, *supervisor.pids)
     for seconds in (12, 8):  # until the processes are sampled, and what is counted
         time.sleep(seconds)
         for each in counted:
@@ -336,17 +338,17 @@ def show_growth(struck, pass_us, starts, memory_kb):
     table("With the other processes of the VM", "processes", "looking for one DAEMON or SYSTEM process, ms")
     for size in (100, 1000, 10000):
         with start_crowd(size) as crowd:
-            line(size, f"{median(ns for ns, _ in numbers(FLOOR, 'run', 7, 'sh', '-c', 'pidof lunet')) / 1e6:.1f}")
+            line(size, f"{median(ns for ns, _ in numbers(BASELINE, 'run', 7, 'sh', '-c', 'pidof lunet')) / 1e6:.1f}")
             crowd.kill()
 
 
 def measure():
-    shutil.copy(FLOOR, "/tmp/lunet")
+    shutil.copy(BASELINE, "/tmp/lunet")
     lunet = start_crowd(0, "/tmp/lunet")
     struck = start_struck()
     # Their processes get old enough to be sampled. The last one has the client's socket.
     idle = {count: Supervisor(count, wrapper=ALONE) for count in (0, 1, 3)} | {10: Supervisor(10, interval=6)}
-    table("Figures", "what", "halvo", "floor", "ratio", "to reach")
+    table("Figures", "what", "halvo", "baseline", "ratio", "to reach")
     show_deaths(struck)
     pass_us = show_heartbeats(idle)
     show_system_calls(idle)

@@ -1,6 +1,8 @@
 #include "halvo_client.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -8,11 +10,13 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
 
-#include "halvo_ctrl_handler.h"
+#include "halvo_ctrl_record.h"
 #include "halvo_log.h"
+#include "halvo_private.h"
 
 void halvo_help()
 {
@@ -32,25 +36,37 @@ void halvo_help()
     puts("For this to work, you need server process to run");
 }
 
-// Says to the log and to the operator that a system call failed, and why.
+// Tells the log and the operator that a system call failed, and why.
 static void report_failure(const char* message)
 {
     const int error = errno;
     halvo_log(LOG_ERR, "%s\n", message);
     halvo_log_errno(LOG_ERR);
     puts(message);
-    printf("%s [errno: %d]\n", halvo_error_text(error), error);
+    printf("%s [errno: %d]\n", strerror(error), error);
 }
 
-// The socket lies where everybody can create files: whoever was there first must not answer for the daemon.
-static int check_peer(int sockfd)
+// Everybody may create files in the socket's directory: a stranger's server must not pass for the daemon.
+static bool is_trusted(uid_t owner)
 {
-    ucred peer{};
-    socklen_t length = sizeof(peer);
-    if (getsockopt(sockfd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+    return owner == 0 || owner == geteuid();
+}
+
+static int connect_to_server(int sockfd)
+{
+    const sockaddr_un address = halvo_socket_address();
+    return connect(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+}
+
+// Returns -1 with errno when the server belongs to another user. The kernel vouches for the owner, see
+// SO_PEERCRED in unix(7).
+static int check_peer(int sockfd, ucred* peer)
+{
+    socklen_t length = sizeof(*peer);
+    if (getsockopt(sockfd, SOL_SOCKET, SO_PEERCRED, peer, &length) != 0) {
         return -1;
     }
-    if (peer.uid != 0 && peer.uid != geteuid()) {
+    if (!is_trusted(peer->uid)) {
         errno = EPERM;
         return -1;
     }
@@ -59,14 +75,13 @@ static int check_peer(int sockfd)
 
 int create_socket_and_connect()
 {
-    const sockaddr_un address = halvo_socket_address();
+    ucred peer{};
     const int sockfd = socket(AF_UNIX, SOCK_STREAM, 0);
     if (sockfd == -1) {
         report_failure("Unable to create socket");
         return -1;
     }
-    if (connect(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == -1 ||
-        check_peer(sockfd) != 0) {
+    if (connect_to_server(sockfd) == -1 || check_peer(sockfd, &peer) != 0) {
         report_failure("Unable to connect to sockfd");
         close(sockfd);
         return -1;
@@ -74,8 +89,47 @@ int create_socket_and_connect()
     return sockfd;
 }
 
-// Returns the request that the options ask for, the last one where there are several. The argument vector
-// is permuted.
+// Not through a symbolic link: a stranger's could lead to a service of root's that never answers.
+static bool is_trusted_socket()
+{
+    struct stat status {};
+    return lstat(HALVO_SOCKET, &status) == 0 && S_ISSOCK(status.st_mode) && is_trusted(status.st_uid);
+}
+
+// True when the server answers, or is alive but does not answer in time. Asks for the configuration,
+// because that request changes nothing.
+static bool is_served(int sockfd)
+{
+    halvo_ctrl_handler_st record{};
+    ucred peer{};
+    record.msg_type = GET_ALL_CONFIG;
+    if (check_peer(sockfd, &peer) != 0 || send(sockfd, &record, sizeof(record), MSG_NOSIGNAL) == -1) {
+        return false;
+    }
+    // A daemon that is stopped or stuck still has its processes, so one that is merely silent counts as
+    // running.
+    const ssize_t length = read(sockfd, &record, sizeof(record));
+    return length > 0 || (length == -1 && errno == EAGAIN && kill(peer.pid, 0) == 0);
+}
+
+bool halvo_is_daemon_running()
+{
+    if (!is_trusted_socket()) {
+        return false;
+    }
+    // Longer than a silent client can hold the server up, which is 5 seconds.
+    const timeval patience = {.tv_sec = 10, .tv_usec = 0};
+    const int sockfd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    setsockopt(sockfd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    setsockopt(sockfd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    // EAGAIN: the daemon's queue of connections stayed full. See SO_SNDTIMEO in socket(7).
+    const bool running = connect_to_server(sockfd) == 0 ? is_served(sockfd) : errno == EAGAIN;
+    close(sockfd);
+    return running;
+}
+
+// Returns the request that the options ask for: the last one if there are several. getopt(3) permutes the
+// argument vector.
 static ctrl_handler_msg_type_en parse_options(int argc, char** argv)
 {
     auto msg_type = INVALID_MSG;
@@ -116,6 +170,7 @@ static void exchange(int sockfd, halvo_ctrl_handler_st* ctrl_handler_data_p)
 static void print_reply(halvo_ctrl_handler_st* ctrl_handler_data_p)
 {
     char* text = ctrl_handler_data_p->message.get_info.msg_buffer;
+    // A record cut short, or the request itself after a failed read, need not hold a terminator.
     text[MSG_BUFFER_SIZE - 1] = '\0';
     switch (ctrl_handler_data_p->msg_type) {
         case GET_ALL_CONFIG:
@@ -139,8 +194,10 @@ void halvo_handle_options(int argc, char** argv)
         puts("Unable to allocate memory for control handler structure");
         exit(1);
     }
-    // A reader of our output that went away must not end us; the client starts no process to inherit this.
+    // The client must not be killed when the reader of its output goes away. It starts no process that
+    // would inherit the ignored signal.
     signal(SIGPIPE, SIG_IGN);
+    // Saved now: getopt(3) moves the arguments.
     const char* first_argument = argv[1];
     ctrl_handler_data_p->msg_type = parse_options(argc, argv);
     if (ctrl_handler_data_p->msg_type == INVALID_MSG) {

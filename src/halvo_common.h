@@ -1,5 +1,5 @@
-// Definitions that every room uses: the two-valued type, the codes that the configuration's words stand
-// for, and the accessors for the whole-int flags that threads share without a lock.
+// Definitions that every module uses: the two-valued type, the codes for the configuration's words, and the
+// accessors for the whole-int flags that threads share without a lock. No state.
 
 #pragma once
 
@@ -8,7 +8,7 @@
 // A 32-bit truth value with a fixed layout for the records.
 enum halvo_bool_en : int32_t { FALSE = 0, TRUE = 1 };
 
-// Field `action`: what is done when a process is lost or crosses a limit.
+// Field `action`: the reaction to a lost process or a crossed limit.
 constexpr int NOP = 1;
 constexpr int PROC_RESTART = 2;
 constexpr int VM_FAILOVER = 3;
@@ -17,11 +17,13 @@ constexpr int VM_FAILOVER = 3;
 constexpr int ENABLE = 1;
 constexpr int DISABLE = 2;
 
-// What is logged wherever a failover would be due but is switched off.
+// Logged wherever a failover is due but switched off.
 constexpr char FAILOVER_DISABLED_LINE[] =
     "VM failover will not happen since vm_failover is disabled in halvo config file\n";
 
-// Reads and writes a flag that other threads read and write too. A volatile int alone is a data race.
+// Read and write a flag that several threads share, with sequential consistency. Some protocols depend on
+// the order of two flags, see halvo_watchdog_thread(). A volatile int alone is a data race. Any thread, no
+// lock.
 template <typename T>
 inline T halvo_load(const volatile T& flag)
 {

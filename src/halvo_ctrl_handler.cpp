@@ -8,61 +8,24 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 
+#include "halvo_ctrl_record.h"
 #include "halvo_log.h"
+#include "halvo_private.h"
 #include "halvo_report.h"
 #include "halvo_update.h"
-#include "halvo_utils.h"
 #include "halvo_watchdog.h"
 
 static constexpr int LISTEN_BACKLOG = 5;
-static constexpr timeval RECEIVE_TIMEOUT = {.tv_sec = 5,
-                                            .tv_usec = 0};  // what a silent client costs the next
+// The longest time that a silent client can delay the next one.
+static constexpr timeval RECEIVE_TIMEOUT = {.tv_sec = 5, .tv_usec = 0};
+// The longest time that a lost socket file goes unnoticed.
 static constexpr timeval ACCEPT_TIMEOUT = {.tv_sec = 10, .tv_usec = 0};
-static constexpr unsigned MAX_PAUSE = 60;  // seconds between failing attempts
 
+// One record is enough, since requests are served one at a time. Control thread only.
 static halvo_ctrl_handler_st ctrl_handler_data_g;
-
-sockaddr_un halvo_socket_address()
-{
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    halvo_copy_text(address.sun_path, sizeof(address.sun_path), HALVO_SOCKET);
-    return address;
-}
-
-void halvo_vappend_msg(char* text, size_t capacity, const char* format, va_list args)
-{
-    if (text == nullptr) {
-        halvo_vlog(LOG_INFO, format, args);
-        return;
-    }
-    std::array<char, 1024> per_msg_buf;
-    per_msg_buf.front() = '\0';  // what a failing vsnprintf leaves
-    if (vsnprintf(per_msg_buf.data(), per_msg_buf.size(), format, args) >=
-        static_cast<int>(per_msg_buf.size())) {
-        per_msg_buf[per_msg_buf.size() - 2] = '\n';
-    }
-    // A text without a terminator has the whole capacity for its length and takes nothing more.
-    const size_t text_length = strnlen(text, capacity);
-    const size_t line_length = strlen(per_msg_buf.data());
-    if (text_length + line_length >= capacity) {
-        halvo_log(LOG_ALERT, "Control handler message buffer is full\n");
-        return;
-    }
-    memcpy(text + text_length, per_msg_buf.data(), line_length + 1);
-}
-
-void halvo_append_msg(char* text, size_t capacity, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    halvo_vappend_msg(text, capacity, format, args);
-    va_end(args);
-}
 
 int halvo_disable_vm_failover(char* ack_msg)
 {
@@ -76,7 +39,8 @@ int halvo_disable_vm_failover(char* ack_msg)
         halvo_append_msg(ack_msg, ACK_MSG_SIZE, "Not able to stop watch dog device\n");
         return -1;
     }
-    // Before the lines: until then the watchdog thread takes the stopped tickling for a failover.
+    // Stored before anything is logged: until then the watchdog thread takes the stopped tickling for a
+    // failover.
     halvo_store(vm_info_g.vm_failover_flag, DISABLE);
     halvo_log(LOG_INFO, "VM failover is disabled using CLI\n");
     halvo_append_msg(ack_msg, ACK_MSG_SIZE, "VM failover is disabled\n");
@@ -113,7 +77,7 @@ static void serve_unknown(halvo_ch_message_un* message)
     halvo_append_msg(message->get_info.msg_buffer, MSG_BUFFER_SIZE, "Invalid message type\n");
 }
 
-// How a request type is served, and what is logged when its reply can not be sent.
+// One type of request: the function that serves it, and the line logged when its reply cannot be sent.
 struct request_st {
     ctrl_handler_msg_type_en msg_type;
     void (*serve)(halvo_ch_message_un*);
@@ -141,7 +105,9 @@ const char* halvo_answer_request(halvo_ctrl_handler_st* record)
     return request.write_failure;
 }
 
-// One request, one reply. A vanished client must yield a failed write, not a SIGPIPE.
+// Serves one request and sends one reply. A short record is served as if the rest were zeros, since the
+// caller has cleared it. MSG_NOSIGNAL: if the client is gone, the call must fail instead of raising
+// SIGPIPE.
 static void serve_connection(int client_sockfd)
 {
     setsockopt(client_sockfd, SOL_SOCKET, SO_RCVTIMEO, &RECEIVE_TIMEOUT, sizeof(RECEIVE_TIMEOUT));
@@ -157,107 +123,100 @@ static void serve_connection(int client_sockfd)
     }
 }
 
-// Pauses after a failure, longer each time, so that a lasting one does not flood the log.
-static void pause_after_failure(unsigned* pause_seconds)
-{
-    sleep(*pause_seconds);
-    *pause_seconds = std::min(*pause_seconds * 2, MAX_PAUSE);
-}
-
-static void remove_old_socket()
+// lstat(2) does not follow a symbolic link; one that points nowhere makes bind(2) fail too.
+static bool socket_exists()
 {
     struct stat status {};
-    if (lstat(HALVO_SOCKET, &status) == 0 && unlink(HALVO_SOCKET) != 0) {
+    return lstat(HALVO_SOCKET, &status) == 0;
+}
+
+// A dead daemon leaves its socket file, and bind(2) would fail with EADDRINUSE.
+static void remove_old_socket()
+{
+    if (socket_exists() && unlink(HALVO_SOCKET) != 0) {
         halvo_log(LOG_ERR, "Unable to unlink halvo_socket\n");
     }
 }
 
-// The listening socket, and the file that it was bound to.
-struct server_socket_st {
-    int fd;
-    struct stat file;
-};
+// A failing attempt is repeated every second. Only the 1st, 2nd, 4th, 8th, ... failure in a row is logged,
+// so that the log does not fill.
+static bool is_logged(unsigned attempt)
+{
+    return std::has_single_bit(attempt);
+}
 
-// Returns 0, or -1 with messages. The socket's file is the owner's alone from the start: the mode
-// is the socket's own before it has a name, since a umask would be inherited by every process we start.
-static int open_server_socket(server_socket_st* server)
+// Returns the listening socket, or -1 with messages. fchmod(2) before bind(2) makes the socket file the
+// owner's alone from its first moment. A umask would do that too, but every process started meanwhile would
+// inherit it. The socket is close-on-exec: a script's copy would outlive a dead daemon, and clients would
+// wait there for an answer.
+static int open_server_socket(unsigned attempt)
 {
     const sockaddr_un server_address = halvo_socket_address();
-    const int server_sockfd = socket(AF_UNIX, SOCK_STREAM, 0);
+    const int server_sockfd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     setsockopt(server_sockfd, SOL_SOCKET, SO_RCVTIMEO, &ACCEPT_TIMEOUT, sizeof(ACCEPT_TIMEOUT));
     fchmod(server_sockfd, S_IRUSR | S_IWUSR);
     const bool bound =
         bind(server_sockfd, reinterpret_cast<const sockaddr*>(&server_address), sizeof(server_address)) == 0;
-    if (!bound) {
+    if (!bound && is_logged(attempt)) {
         halvo_log(LOG_ERR, "Unable to bind server_sockfd\n");
     }
     const bool listening = listen(server_sockfd, LISTEN_BACKLOG) == 0;
-    if (!listening) {
+    if (!listening && is_logged(attempt)) {
         halvo_log(LOG_ERR, "Unable to listen server_sockfd\n");
         halvo_log_errno(LOG_ERR);
     }
-    server->fd = server_sockfd;
-    if (bound && listening && stat(HALVO_SOCKET, &server->file) == 0) {
-        return 0;
+    if (bound && listening) {
+        return server_sockfd;
+    }
+    if (bound) {
+        remove_old_socket();
     }
     close(server_sockfd);
     return -1;
 }
 
-// A file of ours stays what it was, its number too, for as long as the socket is open.
-static bool is_reachable(const server_socket_st& server)
+// Serves one connection after the other. Returns when the socket file is gone, because no operator could
+// then switch failover off. Looks for the file whenever accept(2) times out.
+static void serve_clients(int server_sockfd)
 {
-    struct stat file {};
-    return stat(HALVO_SOCKET, &file) == 0 && file.st_dev == server.file.st_dev &&
-           file.st_ino == server.file.st_ino;
-}
-
-// Serves one connection after the other. Returns when the socket's file was removed or replaced, which is
-// looked for when nobody came for a while: nobody could switch failover off any more.
-static void serve_clients(const server_socket_st& server)
-{
-    unsigned pause_seconds = 1;
+    unsigned failures = 0;
     while (true) {
         sockaddr_un client_address;
         socklen_t client_len = sizeof(client_address);
+        // A reply is appended to the text in the record, which must not be that of the previous client.
         ctrl_handler_data_g = {};
         const int client_sockfd =
-            accept(server.fd, reinterpret_cast<sockaddr*>(&client_address), &client_len);
-        if (client_sockfd == -1) {
-            if (errno == EAGAIN) {
-                if (!is_reachable(server)) {
-                    return;
-                }
-            } else if (errno != EINTR) {
+            accept4(server_sockfd, reinterpret_cast<sockaddr*>(&client_address), &client_len, SOCK_CLOEXEC);
+        if (client_sockfd != -1) {
+            failures = 0;
+            serve_connection(client_sockfd);
+            close(client_sockfd);
+        } else if (errno == EAGAIN && !socket_exists()) {
+            return;
+        } else if (errno != EAGAIN && errno != EINTR) {
+            if (is_logged(++failures)) {
                 halvo_log(LOG_ERR, "Unable to accept server_sockfd\n");
                 halvo_log_errno(LOG_ERR);
-                pause_after_failure(&pause_seconds);
             }
-            continue;
+            sleep(1);
         }
-        pause_seconds = 1;
-        serve_connection(client_sockfd);
-        // A script started meanwhile holds a copy of the connection: the client must see its end anyway.
-        shutdown(client_sockfd, SHUT_RDWR);
-        close(client_sockfd);
     }
 }
 
 void* halvo_ctrl_handler_thread(void*)
 {
-    server_socket_st server{};
-    unsigned pause_seconds = 1;
     remove_old_socket();
     halvo_log(LOG_DEBUG, "halvo_ctrl_handler_thread: Thread started\n");
+    unsigned attempt = 0;
     while (true) {
-        if (open_server_socket(&server) == 0) {
-            pause_seconds = 1;
-            serve_clients(server);
-            halvo_log(LOG_ERR, "halvo_socket is gone. Binding it again\n");
-            close(server.fd);
-        } else {
-            pause_after_failure(&pause_seconds);
+        const int server_sockfd = open_server_socket(++attempt);
+        if (server_sockfd == -1) {
+            sleep(1);
+            continue;
         }
-        remove_old_socket();
+        attempt = 0;
+        serve_clients(server_sockfd);
+        halvo_log(LOG_ERR, "halvo_socket is gone. Binding it again\n");
+        close(server_sockfd);
     }
 }

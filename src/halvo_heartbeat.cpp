@@ -2,9 +2,8 @@
 
 #include <arpa/inet.h>
 #include <endian.h>
-#include <fcntl.h>
+#include <poll.h>
 #include <sys/inotify.h>
-#include <sys/select.h>
 #include <sys/timerfd.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -13,12 +12,11 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
 #include "halvo_log.h"
-#include "halvo_process.h"
+#include "halvo_pid_lookup.h"
 #include "halvo_utils.h"
 
 static constexpr const char* ADDRESS_FILE = "/var/heartbeat_info";
@@ -34,7 +32,7 @@ static constexpr int LOG_EVERY = 12000;    // wake-ups: 10 minutes
 static constexpr size_t TOKEN_SIZE = 128;  // bytes, the terminator included
 static constexpr size_t LINE_SIZE = 2048;  // bytes, the terminator included
 
-// The watch on the address file; both descriptors are positive when it is watched.
+// The watch on the address file, see inotify(7). Both descriptors are positive while the file is watched.
 struct file_watch_st {
     int notify_fd;
     int watch;
@@ -70,6 +68,7 @@ int halvo_heartbeat_start_timer(halvo_vm_info_st* vm_info)
         halvo_log(LOG_ERR, "error in getting clock %d\n", errno);
         return -1;
     }
+    // tv_nsec must stay below one second, see timerfd_settime(2).
     setting.it_value.tv_nsec += INTERVAL_NS;
     setting.it_value.tv_sec += setting.it_value.tv_nsec / SECOND_NS;
     setting.it_value.tv_nsec %= SECOND_NS;
@@ -87,6 +86,7 @@ int halvo_read_str_to_ip(const char** hbuf, uint32_t* ipaddr)
     std::array<char, TOKEN_SIZE> token{};
     const size_t length = std::min(strcspn(*hbuf, WHITE_SPACE), token.size() - 1);
     memcpy(token.data(), *hbuf, length);
+    // inet_aton(3) takes short forms such as "10.1", which inet_pton(3) refuses.
     in_addr address{};
     const int result = inet_aton(token.data(), &address);
     if (result == 0) {
@@ -101,7 +101,7 @@ int halvo_read_str_to_ip(const char** hbuf, uint32_t* ipaddr)
     return 0;
 }
 
-// Takes the addresses from a line if it is an address line. Returns -1 when one of them is faulty.
+// Takes the addresses from a line if it is an address line. Returns -1 when an address in it is faulty.
 static int parse_address_line(const char* line, halvo_vm_info_st* vm_info)
 {
     const char* cursor = line + strspn(line, WHITE_SPACE);
@@ -124,56 +124,22 @@ static int parse_address_line(const char* line, halvo_vm_info_st* vm_info)
     return 0;
 }
 
-// Lines of an open file without stdio, which would allocate a buffer.
-struct line_reader_st {
-    int fd;
-    size_t length;  // bytes in chunk
-    size_t next;    // the first one not yet taken
-    std::array<char, LINE_SIZE> chunk;
-};
-
-// Takes the next line without its line feed, LINE_SIZE - 1 characters at most; a longer one goes on as the
-// next line. Returns false at the end of the file.
-static bool read_line(line_reader_st* reader, std::array<char, LINE_SIZE>* line)
-{
-    size_t used = 0;
-    while (used < line->size() - 1) {
-        if (reader->next == reader->length) {
-            const ssize_t got = read(reader->fd, reader->chunk.data(), reader->chunk.size());
-            if (got <= 0) {
-                break;
-            }
-            reader->length = static_cast<size_t>(got);
-            reader->next = 0;
-        }
-        const char letter = reader->chunk.at(reader->next++);
-        if (letter == '\n') {
-            line->at(used) = '\0';
-            return true;
-        }
-        line->at(used++) = letter;
-    }
-    line->at(used) = '\0';
-    return used > 0;
-}
-
 int halvo_heartbeat_ip_init(halvo_vm_info_st* vm_info)
 {
     std::array<char, LINE_SIZE> line;
-    const int fd = open(ADDRESS_FILE, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd == -1) {
+    const halvo_file file = halvo_open_file(ADDRESS_FILE);
+    if (file == nullptr) {
         halvo_log(LOG_INFO, "\nUnable to open %s file. Assuming default IP - 192.168.2.2\n", ADDRESS_FILE);
         return 0;
     }
-    line_reader_st reader = {.fd = fd, .length = 0, .next = 0, .chunk = {}};
-    bool faulty = false;
-    while (!faulty && read_line(&reader, &line)) {
-        faulty = parse_address_line(line.data(), vm_info) != 0;
+    while (fgets(line.data(), line.size(), file.get()) != nullptr) {
+        line.at(strcspn(line.data(), "\n")) = '\0';
+        if (parse_address_line(line.data(), vm_info) != 0) {
+            // Both, so that the two never come from different versions of the file.
+            set_default_addresses(vm_info);
+            break;
+        }
     }
-    if (faulty) {
-        set_default_addresses(vm_info);
-    }
-    close(fd);
     halvo_log(LOG_INFO, "remote ip 0x%x local 0x%x\n", ntohl(vm_info->heartbeat_remote_ip),
               ntohl(vm_info->heartbeat_local_ip));
     return 0;
@@ -183,7 +149,7 @@ int halvo_socket_init(halvo_vm_info_st* vm_info)
 {
     vm_info->keepalive_sd = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     if (vm_info->keepalive_sd == -1) {
-        halvo_log(LOG_ERR, " Failed socket() call, reason: %s", halvo_error_text(errno));
+        halvo_log(LOG_ERR, " Failed socket() call, reason: %s", strerror(errno));
         return -1;
     }
     halvo_log(LOG_INFO, "Socket Init. socket fd %d\n", vm_info->keepalive_sd);
@@ -216,25 +182,20 @@ void halvo_send_keepalive(halvo_vm_info_st* vm_info)
         halvo_log(LOG_INFO, "Sending KEEPALIVE %d\n", vm_info->keepalive_send_cnt);
     }
     if (sent == -1) {
-        halvo_log(LOG_ERR, "sendto() error, reason: %s", halvo_error_text(send_errno));
+        halvo_log(LOG_ERR, "sendto() error, reason: %s", strerror(send_errno));
     }
 }
 
 int halvo_init_lunet_pid(halvo_vm_info_st* vm_info)
 {
-    static constexpr const char* command = "pidof lunet";
-    std::array<char, 100> line;
     vm_info->lunet_pid = 0;
-    FILE* stream = popen(command, "re");
-    if (stream == nullptr) {
-        halvo_log(LOG_ERR, " Failed to open popen: %s\n", command);
+    const int answered = halvo_ask_pidof(DATA_PLANE_NAME, &vm_info->lunet_pid);
+    if (answered == -1) {
         return -1;
     }
-    if (fgets(line.data(), line.size(), stream) != nullptr) {
-        vm_info->lunet_pid = static_cast<pid_t>(strtol(line.data(), nullptr, 10));
+    if (answered == 1) {
         halvo_log(LOG_INFO, "lunet pid %d", vm_info->lunet_pid);
     }
-    pclose(stream);
     halvo_log(LOG_INFO, "lunet pid %d", vm_info->lunet_pid);
     return 0;
 }
@@ -251,6 +212,7 @@ static file_watch_st watch_address_file()
         halvo_log(LOG_INFO, "inotify_init returns error. %s is not monitored for changes\n", ADDRESS_FILE);
         return file_watch;
     }
+    // A watch needs an existing file: one that is created later goes unnoticed.
     file_watch.watch = inotify_add_watch(file_watch.notify_fd, ADDRESS_FILE, IN_CLOSE_WRITE);
     if (file_watch.watch == -1) {
         halvo_log(LOG_INFO, "inotify_add_watch returns error. %s is not monitored for changes\n",
@@ -280,10 +242,12 @@ static void start_heartbeat(halvo_vm_info_st* vm_info, file_watch_st* file_watch
     }
     halvo_log(LOG_INFO, "Getting into select loop keepalive %d max_fd %d\n", vm_info->keepalive_interval_fd,
               0);
+    // Looked up once: a lunet that starts or returns later does not bring the heartbeat back.
     halvo_init_lunet_pid(vm_info);
 }
 
-// One wake-up sends at most one datagram, however many expirations it stands for.
+// Serves a wake-up of the timer. It may stand for several expirations, but sends at most one datagram: a
+// burst of late ones would tell the peer nothing.
 static void serve_timer(halvo_vm_info_st* vm_info)
 {
     uint64_t expirations = 0;
@@ -295,8 +259,9 @@ static void serve_timer(halvo_vm_info_st* vm_info)
     if (expirations == 0) {
         return;
     }
-    // The counter may pass INT_MAX after three years.
+    // The counter passes INT_MAX after three years, and a signed overflow is undefined.
     vm_info->keepalive_send_cnt = static_cast<int>(static_cast<unsigned>(vm_info->keepalive_send_cnt) + 1U);
+    // Checked before every datagram: none may vouch for a data plane that is gone.
     if (halvo_check_lunet_pid_status(vm_info) != 0) {
         halvo_log(LOG_INFO, "Stopping heartbeat..");
         halvo_store(vm_info->stop_heartbeat, 1);
@@ -305,8 +270,11 @@ static void serve_timer(halvo_vm_info_st* vm_info)
     halvo_send_keepalive(vm_info);
 }
 
+// Reads the addresses again once a writer has closed the file, so never half of it. A file that is replaced
+// by rename(2) is another inode, which the watch does not see.
 static void serve_file_watch(halvo_vm_info_st* vm_info, const file_watch_st& file_watch)
 {
+    // The kernel fills the buffer with records of this type, see inotify(7).
     alignas(inotify_event) std::array<char, 2048> events{};
     const ssize_t length = read(file_watch.notify_fd, events.data(), events.size());
     for (ssize_t offset = 0; offset + static_cast<ssize_t>(sizeof(inotify_event)) <= length;) {
@@ -323,35 +291,22 @@ static void serve_file_watch(halvo_vm_info_st* vm_info, const file_watch_st& fil
     }
 }
 
-// A descriptor beyond the set's size would be written behind it.
-static int add_to_set(int fd, fd_set* set)
-{
-    if (fd <= 0 || fd >= FD_SETSIZE) {
-        return -1;
-    }
-    FD_SET(fd, set);
-    return fd;
-}
-
-static bool is_ready(int fd, const fd_set* set)
-{
-    return fd != -1 && FD_ISSET(fd, set);
-}
-
-// Waits for the next event and serves it; without a descriptor to wait for, for ever.
+// Waits for the next event and serves it. poll(2) skips a descriptor of -1 and waits for ever if both are.
+// Not select(2): a daemon that inherits many open files may get a descriptor of 1024 or more, which does
+// not fit into its set.
 static void serve_next_event(halvo_vm_info_st* vm_info, const file_watch_st& file_watch)
 {
-    fd_set set;
-    FD_ZERO(&set);
-    const int timer_fd = add_to_set(vm_info->keepalive_interval_fd, &set);
-    const int notify_fd = is_watched(file_watch) ? add_to_set(file_watch.notify_fd, &set) : -1;
-    if (select(std::max(timer_fd, notify_fd) + 1, &set, nullptr, nullptr, nullptr) == -1) {
+    const int timer_fd = vm_info->keepalive_interval_fd > 0 ? vm_info->keepalive_interval_fd : -1;
+    const int notify_fd = is_watched(file_watch) ? file_watch.notify_fd : -1;
+    std::array<pollfd, 2> fds = {{{.fd = timer_fd, .events = POLLIN, .revents = 0},
+                                  {.fd = notify_fd, .events = POLLIN, .revents = 0}}};
+    if (poll(fds.data(), fds.size(), -1) == -1) {
         return;
     }
-    if (is_ready(timer_fd, &set)) {
+    if (fds[0].revents != 0) {
         serve_timer(vm_info);
     }
-    if (is_ready(notify_fd, &set)) {
+    if (fds[1].revents != 0) {
         serve_file_watch(vm_info, file_watch);
     }
 }

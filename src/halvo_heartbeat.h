@@ -1,9 +1,10 @@
 // The heartbeat: a 4-byte UDP datagram to the peer every 50 ms for as long as the data-plane process
-// "lunet" is alive and no supervised NORMAL process has been lost. Once stopped it stays stopped.
+// "lunet" is alive and no supervised process has been lost. Once stopped it stays stopped.
 //
-// Everything here runs on the heartbeat thread, which alone touches the heartbeat fields of the VM record;
-// only stop_heartbeat is set from elsewhere. No lock but the log's is taken, and a healthy wake-up costs six
-// system calls and allocates nothing. The timer runs on the monotonic clock.
+// All functions run on the heartbeat thread. It alone touches the heartbeat fields of the VM record, except
+// for stop_heartbeat, which other threads set. It takes no lock but the log's. A healthy wake-up makes six
+// system calls and allocates nothing. The timer uses the monotonic clock, so that setting the wall clock
+// neither delays nor hastens a beat.
 
 #pragma once
 
@@ -11,38 +12,40 @@
 
 #include "halvo_private.h"
 
-// What is sent: the bytes AB BA DC FE, whatever the host's byte order.
+// The datagram: the bytes AB BA DC FE, in this order on every host.
 struct halvo_heartbeat_payload_t {
     uint32_t magic_number;
 };
 
-// Creates the timer descriptor, see timerfd_create(2). Returns 0 or -1.
+// Creates the timer descriptor, see timerfd_create(2). Returns 0, or -1 with a message.
 int halvo_heartbeat_init_timer(halvo_vm_info_st* vm_info);
 
-// Arms it at 50 ms. Returns 0 or -1.
+// Arms the timer at 50 ms. Returns 0, or -1 with a message.
 int halvo_heartbeat_start_timer(halvo_vm_info_st* vm_info);
 
-// Reads both addresses from the address file; where it cannot be opened they keep their values, where a line
-// is faulty both get their defaults. Returns 0.
+// Reads both addresses from the address file. If the file cannot be opened, both keep their values; if a
+// line is faulty, both get their defaults. Returns 0.
 int halvo_heartbeat_ip_init(halvo_vm_info_st* vm_info);
 
-// Converts the token at *hbuf into an address in network byte order, see inet_aton(3), and moves *hbuf one
-// character past it, though never past the text's end. Returns -1 when it is none; *hbuf then stays.
+// Converts the token at *hbuf into an address in network byte order, see inet_aton(3). Moves *hbuf past the
+// token and the character after it, but never past the end of the text. Returns 0, or -1 when the token is
+// no address; *hbuf and *ipaddr then keep their values.
 int halvo_read_str_to_ip(const char** hbuf, uint32_t* ipaddr);
 
-// Creates the UDP socket. Returns 0 or -1.
+// Creates the UDP socket, see udp(7). Returns 0, or -1 with a message.
 int halvo_socket_init(halvo_vm_info_st* vm_info);
 
-// Fills the send buffer and the destination address.
+// Fills the send buffer and the destination address. The heartbeat's addresses must have been read.
 void halvo_init_heartbeat_payload(halvo_vm_info_st* vm_info);
 
-// Sends one datagram unless stop_heartbeat is set.
+// Sends one datagram unless stop_heartbeat is set. A failure is logged; the next wake-up tries again.
 void halvo_send_keepalive(halvo_vm_info_st* vm_info);
 
-// Finds the pid of "lunet", 0 when there is none. Returns -1 when pidof(8) cannot be run.
+// Asks pidof(8) for the pid of "lunet" and stores it, or 0 when there is none. Returns 0, or -1 with a
+// message when pidof cannot be run.
 int halvo_init_lunet_pid(halvo_vm_info_st* vm_info);
 
-// Returns 0 while that pid still belongs to "lunet", else -1.
+// Returns 0 while the stored pid still belongs to "lunet", else -1.
 int halvo_check_lunet_pid_status(halvo_vm_info_st* vm_info);
 
 // The service thread "halvo_heartbeat_cp"; thread_arg is the VM record. Never returns.

@@ -1,19 +1,14 @@
-// The server's spine: the choice between server and client, start-up, the signals and the threads, and the
-// endless monitoring loop.
-
-#include "halvo_main.h"
+// The server: the choice between server and client, the start-up with its threads, and the endless
+// monitoring loop.
 
 #include <fcntl.h>
 #include <malloc.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 
 #include "halvo_client.h"
 #include "halvo_command.h"
@@ -22,19 +17,14 @@
 #include "halvo_log.h"
 #include "halvo_process.h"
 #include "halvo_recur_fail.h"
-#include "halvo_report.h"
 #include "halvo_res_monitor.h"
+#include "halvo_signal.h"
+#include "halvo_text.h"
 #include "halvo_utils.h"
 #include "halvo_watchdog.h"
 #include "halvo_watermark.h"
 
-static constexpr const char* LOCK_FILE = "/run/halvo.lock";
 static constexpr time_t INIT_TIME = 10;  // seconds a process must have run to count as started
-
-static const std::array<halvo_sig_tbl_st, 2> signal_tbl_g = {{
-    {SIGCHLD, halvo_sigchld_cb},
-    {SIGUSR1, halvo_sigusr1_cb},
-}};
 
 static std::array<halvo_service_st, 3> halvo_services_g = {{
     {"halvo_ctrl_handler", halvo_ctrl_handler_thread, {}},
@@ -42,89 +32,8 @@ static std::array<halvo_service_st, 3> halvo_services_g = {{
     {"halvo_heartbeat_cp", halvo_heartbeat_thread, {}},
 }};
 
-void halvo_sigusr1_cb()
-{
-    halvo_display_config_details(nullptr);
-    halvo_display_status_info(nullptr);
-}
-
-void halvo_signal_handler(int signo)
-{
-    for (const halvo_sig_tbl_st& row : signal_tbl_g) {
-        if (row.signo == signo) {
-            row.sig_handle();
-        }
-    }
-}
-
-static bool has_exited_child()
-{
-    siginfo_t info{};
-    return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
-}
-
-static sigset_t table_signals()
-{
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (const halvo_sig_tbl_st& row : signal_tbl_g) {
-        sigaddset(&signals, row.signo);
-    }
-    return signals;
-}
-
-// Signals coalesce and the SIGCHLD callback stops at the first child that is no NORMAL process: it is
-// called until no exited child is left, or a death beside a script's would be missed.
-static void* halvo_signal_thread(void*)
-{
-    const sigset_t signals = table_signals();
-    while (true) {
-        const int signo = sigwaitinfo(&signals, nullptr);
-        if (signo == -1) {
-            continue;
-        }
-        halvo_signal_handler(signo);
-        while (signo == SIGCHLD && has_exited_child()) {
-            halvo_signal_handler(SIGCHLD);
-        }
-    }
-}
-
-// To reset each signal in each child would cost every start some 60 system calls.
-static void note_changed_signals()
-{
-    for (int signo = 1; signo < NSIG; ++signo) {
-        struct sigaction action {};
-        if (sigaction(signo, nullptr, &action) == 0 && action.sa_handler != SIG_DFL) {
-            sigaddset(&reset_signals_g, signo);
-        }
-    }
-}
-
-int halvo_signal_init()
-{
-    const sigset_t signals = table_signals();
-    pthread_sigmask(SIG_BLOCK, &signals, &start_signal_mask_g);
-    for (const halvo_sig_tbl_st& row : signal_tbl_g) {
-        struct sigaction action {};
-        action.sa_handler = halvo_signal_handler;
-        sigemptyset(&action.sa_mask);
-        if (sigaction(row.signo, &action, nullptr) != 0) {
-            halvo_log(LOG_ERR, "Failed in setting up signal handler for signal [%d]\n", row.signo);
-            return -1;
-        }
-    }
-    note_changed_signals();
-    pthread_t tid{};
-    if (pthread_create(&tid, nullptr, halvo_signal_thread, nullptr) != 0) {
-        halvo_log(LOG_ERR, "Unable to start the signal thread\n");
-        return -1;
-    }
-    pthread_detach(tid);
-    return 0;
-}
-
-// The device must not get descriptor 0, which counts as not open.
+// Opens descriptors 0 to 2 where they are closed. The watchdog device must not get descriptor 0, which
+// counts as not open.
 static void open_standard_descriptors()
 {
     int fd = 0;
@@ -134,23 +43,6 @@ static void open_standard_descriptors()
     if (fd > STDERR_FILENO) {
         close(fd);
     }
-}
-
-// A second daemon would start every process once more and take over the control socket. The kernel lets go of
-// the lock when the process ends, however it ends, and no fork passes it on. See fcntl_locking(2).
-static void lock_instance()
-{
-    const int fd = open(LOCK_FILE, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR);
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    if (fd != -1 && fcntl(fd, F_SETLK, &whole) == 0) {
-        return;
-    }
-    if (fd != -1 && (errno == EACCES || errno == EAGAIN)) {
-        halvo_fatal_exit("Process manager is already running. Process manager is exiting\n");
-    }
-    halvo_log(LOG_ERR, "Unable to lock %s\n", LOCK_FILE);
-    halvo_log_errno(LOG_ERR);
 }
 
 static void validate_commands(halvo_child_proc_info_st* proc_info)
@@ -185,10 +77,19 @@ static void start_services()
             halvo_fatal_exit("Unable to detach [%s] thread. Process manager is exiting\n", service.name);
         }
     }
+    // The daemon's own two threads come last: when no thread can be created, the message must name the
+    // first service.
+    if (halvo_log_start() != 0) {
+        halvo_fatal_exit("Unable to start [%s] thread. Process manager is exiting\n", "halvo_log");
+    }
+    if (halvo_signal_start() != 0) {
+        halvo_fatal_exit("Unable to start [%s] thread. Process manager is exiting\n", "halvo_signal");
+    }
 }
 
-// From zeroing the tables until they are whole, under one hold of the table lock: a signal or a client that
-// arrives meanwhile waits.
+// Fills the tables under one hold of the table lock: a signal or a client that arrives meanwhile waits
+// until they are complete. The device is armed only after the configuration and every command have passed
+// their checks, because a fatal exit after that takes the VM down.
 static void load_tables()
 {
     const std::lock_guard guard(halvo_table_lock_g);
@@ -212,6 +113,8 @@ static void load_tables()
     }
 }
 
+// DAEMON processes are left to the crash monitor, which may find them already running. A restarted
+// supervisor must not start them twice.
 static void start_normal_processes()
 {
     for (int i = 0; i < vm_info_g.mon_proc_num; ++i) {
@@ -227,16 +130,19 @@ static void start_normal_processes()
 // Everything up to the main loop. Returns the loop's period in seconds.
 static unsigned start_server()
 {
-    mallopt(M_ARENA_MAX, 1);  // each fork would copy a heap for each thread
+    mallopt(M_ARENA_MAX, 1);  // with one heap per thread, every fork would copy them all
     open_standard_descriptors();
     halvo_log_open();
-    lock_instance();
+    if (halvo_is_daemon_running()) {  // a second daemon would start every process again
+        halvo_fatal_exit("Process manager is already running. Process manager is exiting\n");
+    }
     if (halvo_signal_init() != 0) {
         halvo_fatal_exit("Signal initialization failed. Process manager is exiting\n");
     }
     load_tables();
-    // Best effort, once every thread has its stack: under memory pressure the keepalives would wait for our
-    // own pages to be read in again. Only what is in use is locked, and no program we start inherits it.
+    // Best effort, see mlockall(2): under memory pressure, keepalives would wait until the daemon's own
+    // pages are read back in. Called once every thread has its stack. MCL_ONFAULT locks only pages in use.
+    // The programs started later do not inherit the locks.
     mlockall(MCL_CURRENT | MCL_ONFAULT);
     start_normal_processes();
     halvo_log(LOG_INFO, "Process manager started: pid [%d]\n", vm_info_g.halvo_pid);
@@ -246,19 +152,31 @@ static unsigned start_server()
     return static_cast<unsigned>(vm_info_g.res_mon_intvl);
 }
 
-// Promotes an entry that has run long enough. Returns true when the crash monitor has to look at it.
-static bool promote_entry(halvo_child_proc_info_st* proc_info)
+// The time that INIT_TIME is counted from: the spawn, or an earlier time if the clock was set back, so that
+// the promotion does not wait for the clock to catch up.
+struct start_st {
+    int spawn_count;  // of the entry; another count is another start
+    time_t time;
+};
+
+// Promotes an entry that has run long enough. Returns true when the crash monitor has to look at it. The
+// state is checked and set under one hold of the lock: an entry that died in between would otherwise stay
+// ACTIVE with pid 0.
+static bool promote_entry(halvo_child_proc_info_st* proc_info, start_st* start)
 {
     const std::lock_guard guard(halvo_table_lock_g);
     time_t now = 0;
     if (halvo_read_clock(&now) == 0 && proc_info->proc_state == INIT) {
-        // After the clock was set back it would take until the old time comes again.
-        proc_info->last_spawn_time = std::min(proc_info->last_spawn_time, now);
-        if (proc_info->last_spawn_time + INIT_TIME < now) {
+        if (start->spawn_count != proc_info->spawn_count) {
+            *start = {.spawn_count = proc_info->spawn_count, .time = proc_info->last_spawn_time};
+        }
+        start->time = std::min(start->time, now);
+        if (start->time + INIT_TIME < now) {
             proc_info->proc_state = ACTIVE;
         }
     }
     if (proc_info->proc_type == DAEMON) {
+        // Not in INIT: a program that detaches itself is missing for a moment.
         return proc_info->proc_state == UNKNOWN || proc_info->proc_state == ACTIVE;
     }
     return proc_info->proc_type == SYSTEM;
@@ -266,9 +184,12 @@ static bool promote_entry(halvo_child_proc_info_st* proc_info)
 
 static void watch_processes()
 {
+    // Kept from pass to pass; used by the main thread only.
+    static std::array<start_st, MAX_PROC_NUM> starts;
     for (int i = 0; i < vm_info_g.mon_proc_num; ++i) {
         halvo_child_proc_info_st* proc_info = &child_proc_table_g[i];
-        if (promote_entry(proc_info) && halvo_monitor_process_crash(proc_info) != 0) {
+        if (promote_entry(proc_info, &starts.at(static_cast<size_t>(i))) &&
+            halvo_monitor_process_crash(proc_info) != 0) {
             const std::lock_guard guard(halvo_table_lock_g);
             halvo_fatal_exit("Unable to monitor  process '%s'. Process manager is exiting\n",
                              proc_info->start_cmd);
@@ -293,6 +214,7 @@ static void sample_usage(uint64_t* tot_cpu_usage)
     }
     for (int i = 0; i < vm_info_g.mon_proc_num; ++i) {
         halvo_child_proc_info_st* proc_info = &child_proc_table_g[i];
+        // Only an ACTIVE entry's pid is known to be that of the process.
         if (!is_active(proc_info)) {
             continue;
         }
@@ -316,6 +238,7 @@ static void sample_usage(uint64_t* tot_cpu_usage)
         if (halvo_check_high_low_watermark() != 0) {
             halvo_log(LOG_ALERT, "Error in checking high/low watermark\n");
         }
+        // No child's end wakes this sleep: every pass runs pidof, whose own end would start the next pass.
         sleep(period);
     }
 }

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "halvo_log.h"
-#include "halvo_utils.h"
+#include "halvo_text.h"
 
 static constexpr uint32_t MAX_MEMORY_LIMIT = 2147483640;  // kB
 
@@ -51,7 +51,8 @@ const std::array<halvo_config_param_st, PROC_PARAM_NUM> proc_conf_param_dfl_g = 
 #undef VM_FIELD
 #undef PROC_FIELD
 
-// The words that a mode parameter takes and the codes they are stored as.
+// The words of each mode parameter, and the codes that are stored for them. No code is 0, which stands for
+// a word not found.
 struct mode_word_st {
     std::string_view param_name;
     std::string_view word;
@@ -89,7 +90,8 @@ static int32_t find_mode_code(std::string_view param_name, std::string_view word
     return 0;
 }
 
-// The records' fields are reached by offset: memcpy, since a cast pointer would break the aliasing rules.
+// Stores a value at its row's offset. memcpy(), because a write through a cast pointer would break the
+// aliasing rules.
 static void store_word(void* record, const halvo_config_param_st& row, uint32_t value)
 {
     memcpy(static_cast<char*>(record) + row.offset, &value, sizeof(value));
@@ -98,6 +100,7 @@ static void store_word(void* record, const halvo_config_param_st& row, uint32_t 
 static void store_number(void* record, const halvo_config_param_st& row, const char* param_value,
                          int line_num)
 {
+    // Cut to 32 bits and compared unsigned, so that a negative number is above every maximum.
     auto value = static_cast<uint32_t>(strtol(param_value, nullptr, 10));
     if (value < row.min_value || value > row.max_value) {
         halvo_log(LOG_WARNING,
@@ -112,6 +115,8 @@ static void store_number(void* record, const halvo_config_param_st& row, const c
 static int store_vm_mode(halvo_vm_info_st* vm_info, const halvo_config_param_st& row, const char* word,
                          int line_num)
 {
+    // The defaults stand here because the table has no column for words. A typing error must not switch
+    // failover off.
     const char* fallback = nullptr;
     if (strcmp(row.param_name, "vm_failover") == 0) {
         fallback = "ENABLE";
@@ -194,6 +199,7 @@ int halvo_update_proc_info_table(halvo_child_proc_info_st* proc_table, const int
 
 int halvo_init_vm_info_table(halvo_vm_info_st* vm_info)
 {
+    // These values must agree with the defaults in the table, which replace numbers out of range.
     vm_info->halvo_pid = getpid();
     vm_info->version = 1;
     vm_info->res_mon_intvl = 6;
@@ -223,6 +229,7 @@ int halvo_init_proc_info_table(halvo_child_proc_info_st* proc_table, const int* 
     proc_info->action = NOP;
     proc_info->notify_crash = FALSE;
     proc_info->proc_state = UNKNOWN;
+    // None yet: halvo_verify_mandatory_param() looks for entries whose type was never set.
     proc_info->proc_type = process_type_en{};
     proc_info->spawn_count = 0;
     proc_info->last_spawn_time = 0;
@@ -236,6 +243,8 @@ int halvo_init_proc_info_table(halvo_child_proc_info_st* proc_table, const int* 
     return 0;
 }
 
+// A parameter that was never set still has its initial value. `action` is never missing, because it starts
+// as NOP.
 static bool is_param_missing(const halvo_child_proc_info_st& proc_info, const halvo_config_param_st& row)
 {
     const char* field = reinterpret_cast<const char*>(&proc_info) + row.offset;

@@ -1,6 +1,8 @@
-// The parameters of the configuration file: two constant tables, a row a parameter, and the storing of a
-// value under its row's rules. The reader of the file uses them at start-up on the main thread and later
-// on the control thread; nothing here keeps state.
+// The parameters of the configuration file: two constant tables with one row per parameter, and the
+// functions that store a value under the rules of its row.
+//
+// The reader of the file calls them on the main thread at start-up and on the control thread later. They
+// keep no state and take no lock: the caller alone owns the records that it passes.
 
 #pragma once
 
@@ -14,7 +16,7 @@
 
 constexpr const char* HALVO_CONFIG_FILE = "/etc/config/halvo.conf";
 
-// What is read, and named in the messages about it. The daemon never changes it; halvo-check does.
+// The path of the file that is read and that messages name. The daemon never changes it; halvo-check does.
 inline const char* halvo_config_file_g = HALVO_CONFIG_FILE;
 
 constexpr int PARAM_NUMBER = 1;  // with a range
@@ -29,7 +31,7 @@ struct halvo_config_param_st {
     uint32_t max_value;          // numbers only
     uint32_t dfl_value;          // stored when a number is out of its range
     halvo_bool_en is_mandatory;  // every process section must set it
-    halvo_bool_en dfl_enabled;   // carried along; nothing reads it
+    halvo_bool_en dfl_enabled;   // not used
     int offset;                  // of the field in halvo_vm_info_st or halvo_child_proc_info_st
 };
 
@@ -38,18 +40,20 @@ constexpr int PROC_PARAM_NUM = 14;
 extern const std::array<halvo_config_param_st, VM_PARAM_NUM> vm_conf_param_dfl_g;
 extern const std::array<halvo_config_param_st, PROC_PARAM_NUM> proc_conf_param_dfl_g;
 
-// Returns the row of that name, or -1.
+// Returns the index of the row with that name, or -1.
 int halvo_find_param(std::span<const halvo_config_param_st> table, std::string_view param_name);
 
-// Store one value under the rules of row *conf_param_index of their table. A number out of its range and
-// an unknown mode word are replaced by the default with a warning. Return -1 when nothing could be stored.
+// Store one value under the rules of row *conf_param_index of their table, in the VM record or in entry
+// *proc_table_index of the process table. A number out of its range and an unknown mode word are replaced
+// by the default, with a warning; an unknown process type has none and is refused. *line_num is for the
+// messages. Return 0, or -1 with a message when nothing was stored.
 int halvo_update_vm_info_table(halvo_vm_info_st* vm_info, const int* conf_param_index, const char* param_name,
                                const char* param_value, const int* line_num);
 int halvo_update_proc_info_table(halvo_child_proc_info_st* proc_table, const int* proc_table_index,
                                  const char* param_name, const char* param_value, const int* conf_param_index,
                                  const int* line_num);
 
-// Write the values that hold where the file says nothing. Return 0.
+// Write the initial values of all parameters and of the state, and, for a process, its name. Return 0.
 int halvo_init_vm_info_table(halvo_vm_info_st* vm_info);
 int halvo_init_proc_info_table(halvo_child_proc_info_st* proc_table, const int* proc_table_index,
                                const char* proc_name);

@@ -1,10 +1,11 @@
-// The state of the supervisor: the process table, the VM record and the few globals around them.
+// The state of the supervisor: the process table, the VM record and a few globals.
 //
-// All of it is static storage that lives as long as the process. The mutable fields of the table, the
-// recurring-failure lists and the sampled fields of the VM record are guarded by halvo_table_lock_g.
-// The flags named beside halvo_load() below are read and written through halvo_load() and halvo_store()
-// instead, so that the watchdog and heartbeat threads never wait for a lock. wd_dev_fd belongs to the
-// watchdog room's own lock, the heartbeat fields to the heartbeat thread.
+// All of it is static storage that lives as long as the process and has no destructor that does anything: a
+// fatal exit may leave other threads running. halvo_table_lock_g guards the mutable fields of the table,
+// the recurring-failure lists, and the sampled and reported fields of the VM record. A field whose comment
+// names halvo_load() is read with it and written with halvo_store() instead, so that the watchdog and
+// heartbeat threads never wait for a lock. wd_dev_fd belongs to the watchdog module's own lock, and the
+// heartbeat fields belong to the heartbeat thread.
 
 #pragma once
 
@@ -24,7 +25,7 @@ constexpr int PROC_NAME_SIZE = 51;             // bytes, the terminator included
 constexpr int CMD_SIZE = 1025;                 // bytes of a command field, the terminator included
 constexpr int HEARTBEAT_SEND_BUF_SIZE = 2048;  // bytes
 
-constexpr const char* INVALID_CMD = "INVALID_CMD";  // what a command field holds when there is no command
+constexpr const char* INVALID_CMD = "INVALID_CMD";  // the text of a command field without a command
 constexpr char SEPARATOR_CHAR = '/';
 
 enum process_state_en : int32_t {
@@ -52,7 +53,8 @@ struct halvo_recur_fail_list_st {
     uint32_t node_count;
 };
 
-// One entry of the process table.
+// One entry of the process table. The parameter table reaches its fields by offset: the field of a number
+// or a mode is 32 bits wide, and that of a command has CMD_SIZE bytes.
 struct halvo_child_proc_info_st {
     pid_t pid;   // -1 while a spawn is under way or after its fork failed; 0 when terminated
     pid_t ppid;  // not used
@@ -88,7 +90,8 @@ struct halvo_child_proc_info_st {
     halvo_recur_fail_list_st* recur_fail_list;  // null when the process has none
 };
 
-// The VM-wide settings, the VM's usage and the state of the watchdog and the heartbeat.
+// The VM-wide settings, the VM's usage, and the state of the watchdog and the heartbeat. The parameter
+// table reaches the settings by offset; each is 32 bits wide.
 struct halvo_vm_info_st {
     pid_t halvo_pid;
     int halvo_state;  // not used
@@ -123,7 +126,7 @@ struct halvo_vm_info_st {
     socklen_t dp_ka_cpaddrlen;
     char heartbeat_send_buf[HEARTBEAT_SEND_BUF_SIZE];
     int keepalive_send_cnt;  // timer wake-ups since start
-    int stop_heartbeat;      // 1: no datagram is sent any more; never reset; halvo_load()
+    int stop_heartbeat;      // 1: the heartbeat has ended; never reset; halvo_load()
     pid_t lunet_pid;
 };
 
@@ -143,16 +146,18 @@ struct halvo_service_st {
 inline halvo_child_proc_info_st child_proc_table_g[MAX_PROC_NUM];
 inline halvo_vm_info_st vm_info_g;
 
-// Filled by a live configuration update only, on the control thread.
+// Filled by a live update only, on the control thread. halvo-check fills them with the file that it checks.
 inline halvo_child_proc_info_st new_child_proc_table_g[MAX_PROC_NUM];
 inline halvo_vm_info_st new_vm_info_g;
 
 inline int halvo_debug_mode_g;        // ENABLE: debug lines are logged; halvo_load()
 inline const char* program;           // the last component of argv[0]
-inline sigset_t start_signal_mask_g;  // what the daemon was started with; every program it starts gets it
-inline sigset_t reset_signals_g;      // those that are ignored or handled, and are not for what it starts
+inline sigset_t start_signal_mask_g;  // the daemon's at its start; its programs get it
 
-// Order: this lock, then the log's. Never held across a script's run, popen() to pclose(), a sleep,
-// socket I/O, the opening of commands' files, or the set-up and stop of the watchdog; but start-up holds
-// it from zeroing the tables until they are whole.
+// The table lock. Taken by the main, signal and control threads, never by the watchdog, heartbeat and log
+// threads. It is taken first: no thread that holds the watchdog module's lock or the log's may wait for it.
+//
+// Never held across a script's run, popen(3) to pclose(3), a sleep, socket I/O, the opening of commands'
+// files, or the set-up and stop of the watchdog: each may take long or hang. Only start-up holds it across
+// some of these, while it fills the tables.
 inline std::mutex halvo_table_lock_g;

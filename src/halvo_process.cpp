@@ -1,28 +1,27 @@
 #include "halvo_process.h"
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <limits>
-#include <utility>
 
 #include "halvo_command.h"
 #include "halvo_log.h"
+#include "halvo_pid_lookup.h"
 #include "halvo_recur_fail.h"
+#include "halvo_text.h"
 #include "halvo_utils.h"
 #include "halvo_watchdog.h"
 
+// One miss is no loss: pidof itself may have failed.
 static constexpr int MAX_FIND_ATTEMPTS = 3;  // a second apart
 
 static void count_spawn(halvo_child_proc_info_st* proc_info)
 {
     time_t now = 0;
+    // If the clock cannot be read, the time of the previous spawn stays.
     if (halvo_read_clock(&now) == 0) {
         proc_info->last_spawn_time = now;
     }
@@ -34,7 +33,8 @@ static void count_spawn(halvo_child_proc_info_st* proc_info)
     }
 }
 
-// One by one takes minutes where the limit is large: only where the kernel knows no close_range(2).
+// Closes every descriptor. The loop is only for kernels without close_range(2): it takes minutes where the
+// limit of open files is large.
 static void close_descriptors()
 {
     if (close_range(0, std::numeric_limits<unsigned>::max(), 0) != 0) {
@@ -48,6 +48,8 @@ int halvo_spawn_process(halvo_child_proc_info_st* proc_info)
 {
     halvo_command_st split;
     sigset_t kept_mask;
+    // Held until the spawn is counted: a live update never shows half a command, and in the log "started"
+    // always precedes "terminated".
     const std::lock_guard guard(halvo_table_lock_g);
 
     proc_info->pid = -1;
@@ -69,7 +71,8 @@ int halvo_spawn_process(halvo_child_proc_info_st* proc_info)
     return 0;
 }
 
-// A live update may change a command at any time: scripts are run from a copy.
+// Returns a copy of a command, to be run without the lock: a live update may change the original at any
+// time.
 static std::array<char, CMD_SIZE> copy_command(const char* command)
 {
     std::array<char, CMD_SIZE> copy;
@@ -91,6 +94,7 @@ int halvo_start_process(halvo_child_proc_info_st* proc_info)
                   copy_command(proc_info->start_cmd).data());
         return -1;
     }
+    // Copied only now, so that an update made during the steps above already counts.
     const auto post_start_cmd = copy_command(proc_info->post_start_cmd);
     if (halvo_has_command(post_start_cmd.data()) && halvo_execute_script(post_start_cmd.data()) != 0) {
         halvo_log(LOG_ALERT, "Unable to execute post-start script [%s] of  process '%s'\n",
@@ -100,7 +104,8 @@ int halvo_start_process(halvo_child_proc_info_st* proc_info)
     return 0;
 }
 
-// An entry of another type may hold the same pid, of a program that two entries name or of one long gone.
+// Only a NORMAL entry counts. Another entry may hold the same pid, if two entries name one program or its
+// process is long gone.
 static halvo_child_proc_info_st* find_normal_by_pid(pid_t pid)
 {
     for (int i = 0; i < vm_info_g.mon_proc_num; ++i) {
@@ -112,21 +117,23 @@ static halvo_child_proc_info_st* find_normal_by_pid(pid_t pid)
     return nullptr;
 }
 
-// A lost process and what is to be done about it, as it stood when the loss was noticed.
+// A lost process and the reaction to it, as they stood when the loss was noticed: a live update may change
+// them before the reaction.
 struct loss_st {
     halvo_child_proc_info_st* proc_info;
     int action;
     int failover;   // vm_failover_flag
-    bool reported;  // by an earlier pass
+    bool reported;  // by an earlier pass; never for a NORMAL process
 };
 
-// Table lock held. A failover begins here, before anything is logged.
+// Called with the table lock held. Requests a failover before anything is logged, so that nothing can delay
+// it.
 static loss_st take_loss(halvo_child_proc_info_st* proc_info)
 {
     const loss_st loss = {.proc_info = proc_info,
                           .action = proc_info->action,
                           .failover = halvo_load(vm_info_g.vm_failover_flag),
-                          .reported = proc_info->notify_crash == TRUE};
+                          .reported = false};
     halvo_store(vm_info_g.stop_heartbeat, 1);
     if (loss.action == VM_FAILOVER && loss.failover == ENABLE) {
         halvo_request_failover(&vm_info_g);
@@ -151,13 +158,18 @@ static void log_critical_loss(const loss_st& loss)
     }
 }
 
-// Reaps one exited child. Returns false when it was no NORMAL process or there was none.
+// Reaps one exited child. Returns false when there was none, or when it was not a NORMAL process. Reaping
+// and finding the entry share one hold of the lock: a reaped pid may be reused at once.
 static bool reap_normal_process(loss_st* loss)
 {
     int status = 0;
     const std::lock_guard guard(halvo_table_lock_g);
     const pid_t pid = waitpid(-1, &status, WNOHANG);
-    halvo_child_proc_info_st* proc_info = pid > 0 ? find_normal_by_pid(pid) : nullptr;
+    if (pid < 1) {
+        return false;
+    }
+    halvo_log_exec_failure(pid);
+    halvo_child_proc_info_st* proc_info = find_normal_by_pid(pid);
     if (proc_info == nullptr) {
         return false;
     }
@@ -170,191 +182,14 @@ static bool reap_normal_process(loss_st* loss)
     return true;
 }
 
-static void recover_from_exit(const loss_st& loss)
+// Carries out the reaction to a loss. Called without the table lock, because a restart runs scripts.
+// Returns -1 when a needed restart failed.
+static int recover(const loss_st& loss)
 {
     halvo_child_proc_info_st* proc_info = loss.proc_info;
     switch (loss.action) {
         case PROC_RESTART:
             if (halvo_start_process(proc_info) != 0) {
-                halvo_fatal_exit("Unable to start [%s]. Process manager is exiting\n",
-                                 copy_command(proc_info->start_cmd).data());
-            }
-            log_spawn_count(proc_info);
-            break;
-        case VM_FAILOVER:
-            log_critical_loss(loss);
-            break;
-        case NOP:
-            halvo_log(LOG_INFO, " No recovery action is executed for  process '%s'\n", proc_info->proc_name);
-            break;
-        default:
-            halvo_log(LOG_ERR, "Invalid recovery action for process: %s \n", proc_info->proc_name);
-    }
-}
-
-void halvo_sigchld_cb()
-{
-    loss_st loss{};
-    while (reap_normal_process(&loss)) {
-        recover_from_exit(loss);
-    }
-}
-
-int halvo_check_status_name(int status_fd, const char* path, const char* name)
-{
-    std::array<char, 100> line;
-    const ssize_t length = read(status_fd, line.data(), line.size() - 1);
-    close(status_fd);
-    if (length <= 0) {
-        halvo_log(LOG_ERR, "No valid status found in file: %s\n", path);
-        return -1;
-    }
-    line.at(static_cast<size_t>(length)) = '\0';
-    line.at(strcspn(line.data(), "\n")) = '\0';
-    if (strstr(line.data(), name) == nullptr) {
-        halvo_log(LOG_ERR, "Process name [%s] not found in file: %s\n", name, path);
-        return -1;
-    }
-    return 0;
-}
-
-// Holds a name of which every character needs quoting.
-using pidof_command = std::array<char, 4 * PROC_NAME_SIZE + 16>;
-
-// The command goes through a shell: a name that is not plain text to it is quoted.
-static pidof_command build_pidof_command(const char* proc_name)
-{
-    static constexpr const char* plain =
-        "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_.+:@%,/=-";
-    pidof_command command;
-    if (proc_name[strspn(proc_name, plain)] == '\0') {
-        snprintf(command.data(), command.size(), "pidof %s", proc_name);
-        return command;
-    }
-    char* end = stpcpy(command.data(), "pidof '");
-    for (const char* letter = proc_name; *letter != '\0'; ++letter) {
-        if (*letter == '\'') {
-            end = stpcpy(end, "'\\''");
-        } else {
-            *end++ = *letter;
-        }
-    }
-    stpcpy(end, "'");
-    return command;
-}
-
-// Takes the pid from the first line that pidof prints. Returns 1 when there was a line, 0 when there was
-// none, -1 when pidof could not be run.
-static int ask_pidof(const char* proc_name, int* pid)
-{
-    std::array<char, 100> line;
-    const pidof_command command = build_pidof_command(proc_name);
-    // Not every stream: that would wait for one that another thread is blocked in reading.
-    fflush(stdout);
-    FILE* stream = popen(command.data(), "re");
-    if (stream == nullptr) {
-        halvo_log(LOG_ERR, " Failed to open popen: %s\n", command.data());
-        return -1;
-    }
-    const bool answered = fgets(line.data(), line.size(), stream) != nullptr;
-    pclose(stream);  // its result means nothing: the signal thread may have reaped the shell first
-    if (answered) {
-        const long number = strtol(line.data(), nullptr, 10);
-        *pid = std::in_range<int>(number) ? static_cast<int>(number) : -1;
-    }
-    return answered ? 1 : 0;
-}
-
-int halvo_open_status_file(pid_t pid, halvo_status_path* path)
-{
-    snprintf(path->data(), path->size(), "/proc/%d/status", pid);
-    return open(path->data(), O_RDONLY | O_CLOEXEC);
-}
-
-// Returns the pid that pidof found when /proc knows it under the name, else -1.
-static int confirm_found_pid(const char* proc_name, pid_t pid)
-{
-    halvo_status_path path;
-    const int status_fd = halvo_open_status_file(pid, &path);
-    if (status_fd == -1) {
-        halvo_log(LOG_ERR, "Not able to open file: %s\n", path.data());
-        return -1;
-    }
-    return halvo_check_status_name(status_fd, path.data(), proc_name) == 0 ? pid : -1;
-}
-
-int halvo_confirm_held_pid(const char* proc_name, pid_t pid)
-{
-    halvo_status_path path;
-    const int status_fd = halvo_open_status_file(pid, &path);
-    if (status_fd == -1) {
-        halvo_log(LOG_DEBUG, "Not able to open status file: %s;  process '%s' is terminated\n", path.data(),
-                  proc_name);
-        return -1;
-    }
-    return halvo_check_status_name(status_fd, path.data(), proc_name) == 0 ? pid : -1;
-}
-
-pid_t halvo_held_pid(const halvo_child_proc_info_st* proc_info)
-{
-    const std::lock_guard guard(halvo_table_lock_g);
-    return proc_info->pid;
-}
-
-int halvo_check_process_pid_status(halvo_child_proc_info_st* proc_info)
-{
-    int pid = -1;
-    switch (ask_pidof(proc_info->proc_name, &pid)) {
-        case 1:
-            if (pid > 0) {
-                return confirm_found_pid(proc_info->proc_name, pid);
-            }
-            halvo_log(LOG_DEBUG, "pid [%d] returned for  process '%s' is not valid\n", pid,
-                      proc_info->proc_name);
-            return -1;
-        case 0:
-            return halvo_confirm_held_pid(proc_info->proc_name, halvo_held_pid(proc_info));
-        default:
-            return -1;
-    }
-}
-
-// Records that the process runs under this pid.
-static void mark_found(halvo_child_proc_info_st* proc_info, int pid)
-{
-    const std::lock_guard guard(halvo_table_lock_g);
-    proc_info->pid = pid;
-    proc_info->proc_state = ACTIVE;
-    proc_info->notify_crash = FALSE;
-}
-
-// Records the loss. A process that was never found stays UNKNOWN.
-static loss_st mark_lost(halvo_child_proc_info_st* proc_info)
-{
-    const std::lock_guard guard(halvo_table_lock_g);
-    const loss_st loss = take_loss(proc_info);
-    if (!loss.reported && proc_info->proc_state == UNKNOWN) {
-        halvo_log(LOG_ALERT, "Process '%s' is not started\n", proc_info->proc_name);
-    } else if (!loss.reported) {
-        halvo_log(LOG_ALERT, "Process '%s' is terminated\n", proc_info->proc_name);
-    }
-    if (proc_info->proc_state != UNKNOWN) {
-        proc_info->proc_state = TERMINATED;
-        proc_info->pid = 0;
-    }
-    if (loss.action == VM_FAILOVER || loss.action == NOP) {
-        proc_info->notify_crash = TRUE;
-    }
-    return loss;
-}
-
-static int recover_from_loss(const loss_st& loss)
-{
-    halvo_child_proc_info_st* proc_info = loss.proc_info;
-    switch (loss.action) {
-        case PROC_RESTART:
-            if (halvo_start_process(proc_info) != 0) {
-                halvo_log(LOG_ALERT, "Unable to start [%s]\n", copy_command(proc_info->start_cmd).data());
                 return -1;
             }
             log_spawn_count(proc_info);
@@ -376,6 +211,50 @@ static int recover_from_loss(const loss_st& loss)
     }
 }
 
+void halvo_sigchld_cb()
+{
+    loss_st loss{};
+    while (reap_normal_process(&loss)) {
+        if (recover(loss) != 0) {
+            // A supervisor that cannot restart a process is of no use. Its end leaves the device armed, and
+            // the VM fails over.
+            halvo_fatal_exit("Unable to start [%s]. Process manager is exiting\n",
+                             copy_command(loss.proc_info->start_cmd).data());
+        }
+    }
+}
+
+// Records that the process runs under this pid.
+static void mark_found(halvo_child_proc_info_st* proc_info, int pid)
+{
+    const std::lock_guard guard(halvo_table_lock_g);
+    proc_info->pid = pid;
+    proc_info->proc_state = ACTIVE;
+    proc_info->notify_crash = FALSE;
+}
+
+// Records the loss. A process that was never found stays UNKNOWN.
+static loss_st mark_lost(halvo_child_proc_info_st* proc_info)
+{
+    const std::lock_guard guard(halvo_table_lock_g);
+    loss_st loss = take_loss(proc_info);
+    loss.reported = proc_info->notify_crash == TRUE;
+    if (!loss.reported && proc_info->proc_state == UNKNOWN) {
+        halvo_log(LOG_ALERT, "Process '%s' is not started\n", proc_info->proc_name);
+    } else if (!loss.reported) {
+        halvo_log(LOG_ALERT, "Process '%s' is terminated\n", proc_info->proc_name);
+    }
+    if (proc_info->proc_state != UNKNOWN) {
+        proc_info->proc_state = TERMINATED;
+        proc_info->pid = 0;
+    }
+    // Without a restart every later pass sees the same loss; it is reported once.
+    if (loss.action == VM_FAILOVER || loss.action == NOP) {
+        proc_info->notify_crash = TRUE;
+    }
+    return loss;
+}
+
 int halvo_monitor_process_crash(halvo_child_proc_info_st* proc_info)
 {
     for (int attempt = 0; attempt < MAX_FIND_ATTEMPTS; ++attempt) {
@@ -386,5 +265,9 @@ int halvo_monitor_process_crash(halvo_child_proc_info_st* proc_info)
         }
         sleep(1);
     }
-    return recover_from_loss(mark_lost(proc_info));
+    if (recover(mark_lost(proc_info)) != 0) {
+        halvo_log(LOG_ALERT, "Unable to start [%s]\n", copy_command(proc_info->start_cmd).data());
+        return -1;
+    }
+    return 0;
 }

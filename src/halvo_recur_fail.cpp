@@ -35,6 +35,8 @@ void halvo_delete_recur_fail_list(halvo_recur_fail_list_st* recur_fail_list)
     delete recur_fail_list;
 }
 
+// Without memory the spawn goes unrecorded: failing to start a process would be worse than missing a
+// recurring failure.
 static void append_recur_fail_node(halvo_recur_fail_list_st* recur_fail_list, time_t spawn_time)
 {
     halvo_recur_fail_node_st* node = halvo_create_recur_fail_node(spawn_time);
@@ -61,10 +63,12 @@ void halvo_insert_recur_fail_info(halvo_recur_fail_list_st*& recur_fail_list, co
         append_recur_fail_node(recur_fail_list, spawn_time);
         return;
     }
+    // The list is full: its oldest node takes the new time and becomes the newest, so nothing is allocated.
     recur_fail_list->head->proc_spawn_time = spawn_time;
     recur_fail_list->head = recur_fail_list->head->next;
 
-    // The list may be gone when the last line is logged. A clock set back is no recurring failure.
+    // Saved now, because the list may be deleted before the last line. A span is negative if the clock was
+    // set back, and is then no recurring failure.
     const int count = static_cast<int>(recur_fail_list->node_count) + 1;
     const time_t span = spawn_time - recur_fail_list->head->proc_spawn_time;
     const auto seconds = static_cast<unsigned long>(span);

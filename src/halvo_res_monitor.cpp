@@ -11,16 +11,18 @@
 #include <cstring>
 
 #include "halvo_log.h"
-#include "halvo_process.h"
+#include "halvo_pid_lookup.h"
 
+// The counters of the previous samples, those of the processes by their index in the table. Main thread
+// only.
 static sys_cpu_usage_info_st sys_cpu_usage;
 static std::array<proc_cpu_usage_info_st, MAX_PROC_NUM> proc_cpu_usage;
 
 using proc_text = std::array<char, 4096>;
 using proc_path = std::array<char, 128>;
 
-// Reads a file's first 4095 bytes as a text. Returns their number, 0 when there are none, or -1 when the
-// file cannot be opened.
+// Reads a file's first 4095 bytes as a text; the values needed stand near the start of each file. Returns
+// the number of bytes, 0 when there are none, or -1 when the file cannot be opened.
 static ssize_t read_proc_file(const char* path, proc_text* text)
 {
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
@@ -35,6 +37,7 @@ static ssize_t read_proc_file(const char* path, proc_text* text)
 
 static bool is_space(char letter)
 {
+    // isspace(3) is undefined for a negative char.
     return isspace(static_cast<unsigned char>(letter)) != 0;
 }
 
@@ -83,7 +86,7 @@ static bool begins_with(const char* text, const char* key)
     return strncmp(text, key, strlen(key)) == 0;
 }
 
-// Parses the number at *cursor and moves behind it.
+// Parses the number at *cursor and moves the cursor past it.
 static uint64_t take_number(const char** cursor)
 {
     char* end = nullptr;
@@ -92,7 +95,8 @@ static uint64_t take_number(const char** cursor)
     return number;
 }
 
-// Parses the token behind the key at *cursor; where there is none the cursor stays.
+// Parses the token after the key at *cursor and moves the cursor past it. Without such a token, returns 0
+// and leaves the cursor.
 static uint64_t take_value(const char** cursor)
 {
     const char* value = skiptoken(*cursor);
@@ -112,6 +116,7 @@ int halvo_system_memory_usage(halvo_vm_info_st* vm_info)
         halvo_log(LOG_ERR, "unable to open /proc/meminfo\n");
         return -1;
     }
+    // One forward scan: both lines stand before "Cached:".
     for (const char* cursor = text.data(); *cursor != '\0' && !begins_with(cursor, "Cached:");) {
         const char* before = cursor;
         if (begins_with(cursor, "MemTotal:")) {
@@ -157,7 +162,8 @@ int halvo_process_memory_usage(halvo_child_proc_info_st* proc_info)
     return 0;
 }
 
-// A share that lies outside 0 to 100 stems from counters of a predecessor: the field keeps its value.
+// Stores a share in percent. A difference of counters that went back wraps around and gives a share far
+// above 100: the last snapshot was of another process. The field then keeps its value.
 static void store_percent(float* field, uint64_t ticks, float total)
 {
     const float percent = static_cast<float>(ticks * 100) / total;
@@ -204,6 +210,7 @@ int halvo_system_cpu_usage(uint64_t* tot_cpu_usage_in_mon_intvl, halvo_vm_info_s
         vm_info->cpu_usage_data_init = TRUE;
     } else {
         *tot_cpu_usage_in_mon_intvl = interval;
+        // Two samples within one clock tick have no share to compute.
         if (interval != 0) {
             const uint64_t user = usage.user_time - sys_cpu_usage.user_time;
             const uint64_t kernel = usage.kernel_time - sys_cpu_usage.kernel_time;
@@ -219,7 +226,7 @@ int halvo_system_cpu_usage(uint64_t* tot_cpu_usage_in_mon_intvl, halvo_vm_info_s
 }
 
 // Returns 0, or -1 when the text is not that of /proc/PID/stat. The name in it may hold blanks and
-// parentheses: the fields are counted from its last ")".
+// parentheses, so the fields are counted from its last ")".
 static int parse_process_cpu(const char* text, proc_cpu_usage_info_st* usage)
 {
     const char* name = strchr(text, '(');

@@ -1,9 +1,10 @@
 // The samplers: memory and CPU use of the VM and of one process, from the kernel's text files, see proc(5).
 //
-// The CPU samplers keep the previous counters and report differences over one monitoring interval. A file
-// costs one open, one read and one close; nothing is allocated. A sample that fails changes nothing. The
-// pid is read and the figures are stored under the table lock, the files are read outside it. All of it
-// belongs to the main thread.
+// The CPU samplers keep the previous counters and report differences over one monitoring interval. Each
+// file takes one open, one read and one close; nothing is allocated. A sample that fails changes nothing.
+// The pid is read and the figures are stored under the table lock; the files are read outside it, so that
+// no client or restart waits for the kernel. All functions belong to the main thread and are called without
+// the table lock.
 
 #pragma once
 
@@ -32,25 +33,27 @@ struct proc_cpu_usage_info_st {
     uint64_t start_time;
 };
 
-// Fills total_memory, free_memory and used_memory (kB); zeros when the file is empty. Returns 0, or -1 with
-// a message when it cannot be opened.
+// Fills total_memory, free_memory and used_memory (kB), with zeros when the file is empty. Returns 0, or -1
+// with a message when the file cannot be opened.
 int halvo_system_memory_usage(halvo_vm_info_st* vm_info);
 
-// Fills kbytes_used and max_kbytes_used (kB) of an entry; zeros when the file is empty. Returns 0, or -1
-// with a message when it cannot be opened.
+// Fills kbytes_used and max_kbytes_used (kB) of an entry, with zeros when the file is empty. Returns 0, or
+// -1 with a message when the file cannot be opened.
 int halvo_process_memory_usage(halvo_child_proc_info_st* proc_info);
 
 // Fills the VM's CPU percentages and *tot_cpu_usage_in_mon_intvl, the clock ticks of all CPUs since the
-// last sample: 0 for the first one, which computes no percentage. Returns 0 or -1.
+// last sample. The first sample sets that total to 0 and computes no percentage. Returns 0, or -1 when the
+// file cannot be read or is not in the kernel's form.
 int halvo_system_cpu_usage(uint64_t* tot_cpu_usage_in_mon_intvl, halvo_vm_info_st* vm_info);
 
-// Fills an entry's CPU percentages, measured against that total. index, 0 to MAX_PROC_NUM - 1, selects the
-// snapshot to compare with. Returns 0 or -1.
+// Fills an entry's CPU percentages, measured against that total; a total of 0 leaves them alone. index, 0
+// to MAX_PROC_NUM - 1, selects the snapshot to compare with. Returns 0, or -1 when the file cannot be read
+// or is not in the kernel's form.
 int halvo_process_cpu_usage(uint64_t tot_cpu_usage_in_mon_intvl, halvo_child_proc_info_st* proc_info,
                             int index);
 
-// Token routines. White space is what isspace(3) says; null in gives null out.
+// Token routines. White space is as isspace(3) defines it. A null argument gives a null result.
 void skip_ws(const char** p);                 // moves *p over white space
 const char* skip_white(const char* ptr);      // first other character; null at the end or at a "#"
-const char* skip_not_white(const char* ptr);  // white space behind the token; null at the end
+const char* skip_not_white(const char* ptr);  // white space after the token; null at the end
 const char* skiptoken(const char* ptr);       // start of the next token; null when there is none

@@ -8,9 +8,10 @@
 #include <cstring>
 
 #include "halvo_command.h"
-#include "halvo_ctrl_handler.h"
+#include "halvo_ctrl_record.h"
 #include "halvo_log.h"
 #include "halvo_report.h"
+#include "halvo_text.h"
 #include "halvo_utils.h"
 #include "halvo_watchdog.h"
 
@@ -42,6 +43,7 @@ int halvo_compare_proc_num(char* ack_msg)
 
 static int read_new_config(char* ack_msg)
 {
+    // The reader expects zeroed records, and these still hold the previous update.
     std::ranges::fill(new_child_proc_table_g, halvo_child_proc_info_st{});
     new_vm_info_g = halvo_vm_info_st{};
     if (halvo_read_confile(&new_vm_info_g, new_child_proc_table_g) != 0) {
@@ -63,7 +65,8 @@ static void take_over_intervals()
     halvo_store(vm_info_g.wd_timeout, new_vm_info_g.wd_timeout);
 }
 
-// Starts or stops the watchdog when the switch changed. The switch keeps its new value when that fails.
+// Starts or stops the watchdog if the failover switch has changed. The switch keeps its new value even if
+// that fails. Without the table lock: the driver may take its time.
 static int take_over_failover(char* ack_msg)
 {
     const int failover = new_vm_info_g.vm_failover_flag;
@@ -75,6 +78,7 @@ static int take_over_failover(char* ack_msg)
         return -1;
     }
     if (failover == DISABLE) {
+        // Before the keepalives stop: the watchdog thread must not take their end for a failover.
         halvo_store(vm_info_g.vm_failover_flag, failover);
         if (halvo_watchdog_stop(&vm_info_g) != 0) {
             report(LOG_ALERT, ack_msg, "Not able to stop watch dog device\n");
@@ -105,7 +109,7 @@ static void report_type(char* ack_msg, const char* which, process_type_en proc_t
     }
 }
 
-// What identifies a process may not change.
+// Name and type identify a process and may not change: the table's entries are matched by position.
 int halvo_compare_identity(const halvo_child_proc_info_st& running, const halvo_child_proc_info_st& fresh,
                            char* ack_msg)
 {
@@ -150,6 +154,7 @@ static int check_start(halvo_child_proc_info_st* fresh, char* ack_msg)
     return 0;
 }
 
+// start_cmd_filename has no check of its own: that of start_cmd has already read the file.
 static int check_nothing(halvo_child_proc_info_st*, char*)
 {
     return 0;
@@ -173,8 +178,9 @@ constexpr std::array<halvo_command_check_st, 5> halvo_command_checks_g = {{
     {"stop_cmd", &halvo_child_proc_info_st::stop_cmd, check_stop},
 }};
 
-// Checks the commands that changed. Returns how many from the first on may be taken over: all of them, or
-// those before the faulty one. Only this thread writes the running fields: reading them needs no lock.
+// Checks the commands that changed. Returns how many, from the first on, may be taken over: all of them, or
+// those before the faulty one. Reads the running fields without the lock, since only this thread writes
+// them.
 static size_t check_commands(const halvo_child_proc_info_st& running, halvo_child_proc_info_st* fresh,
                              char* ack_msg)
 {
@@ -195,12 +201,15 @@ static void take_over_action(halvo_child_proc_info_st* running, const halvo_chil
         return;
     }
     running->action = fresh.action;
+    // The crash monitor skips a TERMINATED DAEMON, so the process that the new action is for would never be
+    // looked for.
     if (running->proc_state == TERMINATED && (fresh.action == PROC_RESTART || fresh.action == VM_FAILOVER)) {
         running->proc_state = UNKNOWN;
     }
 }
 
-// Takes over the accepted commands and, where all of them were, the rest of the entry; in one step.
+// Takes over the accepted commands and, if no command was refused, the rest of the entry. One hold of the
+// lock: no restart or report sees half of it.
 static int take_over_entry(halvo_child_proc_info_st* running, const halvo_child_proc_info_st& fresh,
                            size_t accepted)
 {
@@ -247,6 +256,7 @@ int halvo_update_config(char* ack_msg)
     if (read_new_config(ack_msg) != 0) {
         return -1;
     }
+    // First, because a device that the next step arms takes the new timeout.
     take_over_intervals();
     if (take_over_failover(ack_msg) != 0) {
         return -1;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -11,22 +12,10 @@
 
 #include "halvo_log.h"
 #include "halvo_params.h"
+#include "halvo_text.h"
 
 static constexpr size_t LINE_SIZE = 1024;  // bytes of one read, the terminator included
 static constexpr const char* TOKEN_SEPARATORS = "\t \n\r";
-
-const char* file_basename(const char* path)
-{
-    const char* separator = path == nullptr ? nullptr : strrchr(path, SEPARATOR_CHAR);
-    return separator == nullptr ? path : separator + 1;
-}
-
-void halvo_copy_text(char* field, size_t size, const char* text)
-{
-    const size_t length = strnlen(text, size - 1);
-    memcpy(field, text, length);
-    field[length] = '\0';
-}
 
 halvo_file halvo_open_file(const char* path)
 {
@@ -53,17 +42,11 @@ int halvo_read_clock(time_t* now)
 
 void halvo_be_punctual()
 {
-    halvo_log_hurry();
     const sched_param priority = {.sched_priority = 1};
     sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &priority);
 }
 
-bool halvo_has_command(const char* command)
-{
-    return strcmp(command, INVALID_CMD) != 0;
-}
-
-// A line with the keyword "global". An unknown parameter is reported and ignored.
+// Handles a line with the keyword "global". An unknown parameter is reported and ignored.
 static void verify_vm_param(const char* param_name, const char* param_value, halvo_vm_info_st* vm_info,
                             const int* line_num)
 {
@@ -79,8 +62,8 @@ static void verify_vm_param(const char* param_name, const char* param_value, hal
     }
 }
 
-// A line with the keyword "process", which opens a section. While proc_name stays empty after a failure,
-// the lines of the refused section fail as unknown keywords.
+// Handles a line with the keyword "process", which opens a section. After a failure proc_name stays empty,
+// so that the lines of the refused section fail as unknown keywords.
 static int open_proc_section(const char* param_name, const char* param_value, char* proc_name,
                              halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table, int line_num)
 {
@@ -109,7 +92,7 @@ static int open_proc_section(const char* param_name, const char* param_value, ch
     return 0;
 }
 
-// A line with the current section's name as its keyword.
+// Handles a line whose keyword is the current section's name.
 static int verify_proc_param(const char* param_name, const char* param_value, const halvo_vm_info_st* vm_info,
                              halvo_child_proc_info_st* proc_table, const int* line_num)
 {
@@ -132,6 +115,7 @@ int halvo_verify_conf_param(const char* keyword, const char* param_name, const c
                             char* proc_name, halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
                             const int* line_num)
 {
+    // The two keywords win over a section's name: a process called "global" cannot capture the VM's lines.
     if (strcmp(keyword, "global") == 0) {
         verify_vm_param(param_name, param_value, vm_info, line_num);
         return 0;
@@ -147,19 +131,24 @@ int halvo_verify_conf_param(const char* keyword, const char* param_name, const c
     return verify_proc_param(param_name, param_value, vm_info, proc_table, line_num);
 }
 
-// The first three tokens of a line; null where the line has none. They point into the line's buffers.
+// The first three tokens of a line; null if the line has no such token. They point into the line's buffers.
 struct conf_line_st {
     char* keyword;
     char* param_name;
     char* param_value;
 };
 
-// Cuts the line into its tokens and takes a string parameter's value from between its quotes. Returns -1,
-// with a message, for a syntax error; a line without a keyword is none.
+static bool is_string_param(const char* param_name)
+{
+    const int row = halvo_find_param(proc_conf_param_dfl_g, param_name);
+    return row != -1 && proc_conf_param_dfl_g.at(static_cast<size_t>(row)).param_type == PARAM_STRING;
+}
+
+// Splits the line into its tokens and takes a string parameter's value from between its quotes. Returns -1,
+// with a message, for a syntax error. A line without a keyword is not an error.
 static int tokenise_line(char* line, char* line_copy, int line_num, conf_line_st* tokens)
 {
     char* rest = nullptr;
-    bool unquoted = false;
     *tokens = {
         .keyword = strtok_r(line, TOKEN_SEPARATORS, &rest), .param_name = nullptr, .param_value = nullptr};
     if (tokens->keyword == nullptr || tokens->keyword[0] == '#') {
@@ -168,75 +157,86 @@ static int tokenise_line(char* line, char* line_copy, int line_num, conf_line_st
     }
     tokens->param_name = strtok_r(nullptr, TOKEN_SEPARATORS, &rest);
     tokens->param_value = strtok_r(nullptr, TOKEN_SEPARATORS, &rest);
-    const int row =
-        tokens->param_value == nullptr ? -1 : halvo_find_param(proc_conf_param_dfl_g, tokens->param_name);
-    if (row != -1 && proc_conf_param_dfl_g.at(static_cast<size_t>(row)).param_type == PARAM_STRING) {
-        unquoted = tokens->param_value[0] != '"';
-        if (unquoted) {
+    if (tokens->param_value != nullptr && is_string_param(tokens->param_name)) {
+        if (tokens->param_value[0] != '"') {
             halvo_log(LOG_ERR, "%s[line:%d]: The string arguments of [%s] should be within double quotes\n",
                       halvo_config_file_g, line_num, tokens->param_name);
-        } else {
-            strtok_r(line_copy, "\"", &rest);
-            tokens->param_value = strtok_r(nullptr, "\"", &rest);
+            return -1;
         }
+        // From a copy, because the calls above have cut the line at its blanks. The first call yields the
+        // text before the quotes, the second the text between them.
+        strtok_r(line_copy, "\"", &rest);
+        tokens->param_value = strtok_r(nullptr, "\"", &rest);
     }
     if (tokens->param_value == nullptr) {
         halvo_log(LOG_ERR, "%s[line:%d]: missing field\n", halvo_config_file_g, line_num);
         return -1;
     }
-    return unquoted ? -1 : 0;
+    return 0;
 }
 
-// As fgets(3), into a buffer of LINE_SIZE bytes. A file that was damaged in a power failure may hold zeros,
-// and behind one the rest of a line would be missing without a word: such a line sets *has_zero.
-static bool read_line(char* line, FILE* file, bool* has_zero)
+// One reading of the file: the destination of its values, and the state of the reading.
+struct conf_reading_st {
+    halvo_vm_info_st* vm_info;
+    halvo_child_proc_info_st* proc_table;
+    decltype(halvo_verify_conf_param)* verify_line;
+    std::array<char, PROC_NAME_SIZE> proc_name;  // of the open section; empty when there is none
+    int line_num;
+    bool missing_field;    // a line had a syntax error
+    bool err_in_conffile;  // a complete line was refused
+};
+
+// Checks a line and stores its value. After the first syntax error nothing more is stored; the remaining
+// lines are only searched for further syntax errors.
+static void take_line(conf_reading_st* reading, char* line)
 {
-    memset(line, ' ', LINE_SIZE);
-    const bool read = fgets(line, LINE_SIZE, file) != nullptr;
-    *has_zero = read && memrchr(line, '\0', LINE_SIZE) != line + strlen(line);
-    return read;
+    std::array<char, CMD_SIZE> line_copy;
+    conf_line_st tokens;
+    halvo_copy_text(line_copy.data(), line_copy.size(), line);
+    if (tokenise_line(line, line_copy.data(), reading->line_num, &tokens) != 0) {
+        reading->missing_field = true;
+    }
+    if (tokens.keyword == nullptr || reading->missing_field) {
+        return;
+    }
+    if (reading->verify_line(tokens.keyword, tokens.param_name, tokens.param_value, reading->proc_name.data(),
+                             reading->vm_info, reading->proc_table, &reading->line_num) != 0) {
+        halvo_log(LOG_ERR, "Error in verifying the field strings and values in config file\n");
+        reading->err_in_conffile = true;
+    }
 }
 
-// Reads line by line to the end of the file. Returns -1 when any line failed.
-static int read_lines(FILE* file, halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
-                      decltype(halvo_verify_conf_param)* verify_line)
+// Returns true when a line that fgets(3) has read into LINE_SIZE blanks holds a zero byte: the last one is
+// then not where the text seems to end. A file damaged in a power failure may hold zero bytes, and the rest
+// of such a line would be lost without a message.
+static bool has_zero_byte(const char* line)
+{
+    return memrchr(line, '\0', LINE_SIZE) != line + strlen(line);
+}
+
+// Reads line by line to the end of the file. A line that does not fit arrives in pieces, and each counts as
+// a line. Returns -1 when any line failed.
+static int read_lines(FILE* file, conf_reading_st* reading)
 {
     std::array<char, CMD_SIZE> line;
-    std::array<char, CMD_SIZE> line_copy;
-    std::array<char, PROC_NAME_SIZE> proc_name{};
-    conf_line_st tokens;
-    int line_num = 0;
-    bool has_zero = false;
-    bool missing_field = false;
-    bool err_in_conffile = false;
-
-    while (read_line(line.data(), file, &has_zero)) {
-        ++line_num;
-        if (has_zero) {
-            halvo_log(LOG_ERR, "%s[line:%d]: A zero byte in the line\n", halvo_config_file_g, line_num);
-            missing_field = true;
+    line.fill(' ');
+    while (fgets(line.data(), LINE_SIZE, file) != nullptr) {
+        ++reading->line_num;
+        if (has_zero_byte(line.data())) {
+            halvo_log(LOG_ERR, "%s[line:%d]: A zero byte in the line\n", halvo_config_file_g,
+                      reading->line_num);
+            reading->missing_field = true;
         }
-        line_copy = line;
-        if (tokenise_line(line.data(), line_copy.data(), line_num, &tokens) != 0) {
-            missing_field = true;
-        }
-        // After the first syntax error nothing is stored any more; the rest is only looked at for others.
-        if (tokens.keyword == nullptr || missing_field) {
-            continue;
-        }
-        if (verify_line(tokens.keyword, tokens.param_name, tokens.param_value, proc_name.data(), vm_info,
-                        proc_table, &line_num) != 0) {
-            halvo_log(LOG_ERR, "Error in verifying the field strings and values in config file\n");
-            err_in_conffile = true;
-        }
+        take_line(reading, line.data());
+        line.fill(' ');
     }
     if (ferror(file) != 0) {
-        // What is missing from the middle of a file must not pass for a shorter configuration.
+        // A read error must not pass for the end of a shorter configuration.
         halvo_log(LOG_ALERT, "Config file: %s cannot be read\n", halvo_config_file_g);
-        err_in_conffile = true;
+        reading->err_in_conffile = true;
     }
-    halvo_log(LOG_DEBUG, "Config file total lines read: %d\n", line_num);
-    return missing_field || err_in_conffile ? -1 : 0;
+    halvo_log(LOG_DEBUG, "Config file total lines read: %d\n", reading->line_num);
+    return reading->missing_field || reading->err_in_conffile ? -1 : 0;
 }
 
 int halvo_read_confile(halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
@@ -248,11 +248,25 @@ int halvo_read_confile(halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc
     }
     {
         const halvo_file file = halvo_open_file(halvo_config_file_g);
+        struct stat status {};
         if (file == nullptr) {
             halvo_log(LOG_ALERT, "Config file: %s not found\n", halvo_config_file_g);
             return -1;
         }
-        if (read_lines(file.get(), vm_info, proc_table, verify_line) != 0) {
+        // A FIFO without a writer would pass for an empty configuration, which arms the watchdog and
+        // supervises nothing.
+        if (fstat(fileno(file.get()), &status) != 0 || !S_ISREG(status.st_mode)) {
+            halvo_log(LOG_ALERT, "Config file: %s cannot be read\n", halvo_config_file_g);
+            return -1;
+        }
+        conf_reading_st reading = {.vm_info = vm_info,
+                                   .proc_table = proc_table,
+                                   .verify_line = verify_line,
+                                   .proc_name = {},
+                                   .line_num = 0,
+                                   .missing_field = false,
+                                   .err_in_conffile = false};
+        if (read_lines(file.get(), &reading) != 0) {
             return -1;
         }
     }

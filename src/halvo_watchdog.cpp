@@ -13,17 +13,16 @@
 
 static constexpr const char* WATCHDOG_DEV = "/dev/watchdog";
 
+// Guards wd_dev_fd and every call on it. Taken after the table lock where a thread holds both.
 static std::mutex device_lock;
 
-// Read and written with halvo_load() and halvo_store() or in one atomic step.
-static unsigned arm_count;          // how often the device was armed
-static unsigned failover_requests;  // how often a failover was asked for
-static int switching_on;            // 1: failover is on, the device not yet armed
+static unsigned arm_count;  // how often the device was armed; a change ends the thread's sleep; halvo_load()
 
-// What disarming gave, to be logged once the device lock is released.
+// The outcome of disarming, to be logged after the device lock is released.
 enum class disarm_result { NOT_OPEN, DISARMED, WRITE_FAILED };
 
-// Device lock held. Leaves the write's errno.
+// Called with the device lock held; keeps the write's errno. Without the "V" the driver stays armed after a
+// close.
 static disarm_result disarm_and_close(halvo_vm_info_st* vm_info)
 {
     if (vm_info->wd_dev_fd == -1) {
@@ -62,7 +61,7 @@ int halvo_close_watchdog_dev(halvo_vm_info_st* vm_info)
     return log_disarm(result);
 }
 
-// Close-on-exec: a script's copy would keep the device armed beyond our close.
+// Close-on-exec: a script's copy of the descriptor would keep the device armed after our close.
 static int halvo_open_watchdog_dev(halvo_vm_info_st* vm_info)
 {
     device_lock.lock();
@@ -78,14 +77,14 @@ static int halvo_open_watchdog_dev(halvo_vm_info_st* vm_info)
     return 0;
 }
 
-// How far the programming of the timeout came, and the seconds that the driver spoke of.
+// The result of programming the timeout, and the seconds that the driver set and reported.
 struct timeout_st {
     enum { TAKEN, SET_FAILED, REPORT_FAILED, DIFFERS } result;
     int set;
     int reported;
 };
 
-// Asks for the timeout and makes sure that the driver really took it. Logs nothing: the countdown runs.
+// Sets the timeout and reads it back, because a driver may round it. Logs nothing while the countdown runs.
 static timeout_st program_timeout(const halvo_vm_info_st* vm_info)
 {
     const int wanted = halvo_load(vm_info->wd_timeout);
@@ -121,19 +120,15 @@ static void log_timeout(const timeout_st& timeout)
     }
 }
 
-int halvo_watchdog_init(halvo_vm_info_st* vm_info)
+// Opens and programs the device. Returns 0, or -1 with the device closed.
+static int arm_device(halvo_vm_info_st* vm_info)
 {
-    device_lock.lock();
-    vm_info->wd_dev_fd = -1;
-    device_lock.unlock();
-    if (halvo_load(vm_info->vm_failover_flag) == DISABLE) {
-        return 0;
-    }
     if (halvo_open_watchdog_dev(vm_info) != 0) {
         return -1;
     }
     const timeout_st timeout = program_timeout(vm_info);
     if (timeout.result == timeout_st::TAKEN) {
+        // First of all: the countdown runs, and the thread may not tickle before this.
         halvo_store(vm_info->wd_tick_flag, 1);
         halvo_store(arm_count, arm_count + 1);
         log_timeout(timeout);
@@ -147,29 +142,33 @@ int halvo_watchdog_init(halvo_vm_info_st* vm_info)
     return -1;
 }
 
-// A process may be lost as soon as the switch is on: the device armed after that must not be tickled.
+int halvo_watchdog_init(halvo_vm_info_st* vm_info)
+{
+    device_lock.lock();
+    // A zeroed record would name descriptor 0.
+    vm_info->wd_dev_fd = -1;
+    device_lock.unlock();
+    return halvo_load(vm_info->vm_failover_flag) == DISABLE ? 0 : arm_device(vm_info);
+}
+
+// vm_failover_flag is set last. A loss that finds it ENABLE clears wd_tick_flag to fail the VM over, and
+// arming must not set wd_tick_flag again after that.
 int halvo_switch_failover_on(halvo_vm_info_st* vm_info)
 {
-    const unsigned requests = halvo_load(failover_requests);
-    halvo_store(switching_on, 1);
+    const int result = arm_device(vm_info);
     halvo_store(vm_info->vm_failover_flag, ENABLE);
-    const int result = halvo_watchdog_init(vm_info);
-    if (result == 0 && halvo_load(failover_requests) != requests) {
-        halvo_store(vm_info->wd_tick_flag, 0);
-    }
-    halvo_store(switching_on, 0);
     return result;
 }
 
 void halvo_request_failover(halvo_vm_info_st* vm_info)
 {
-    __atomic_add_fetch(&failover_requests, 1, __ATOMIC_SEQ_CST);
     halvo_store(vm_info->wd_tick_flag, 0);
 }
 
 int halvo_watchdog_stop(halvo_vm_info_st* vm_info)
 {
     halvo_store(vm_info->wd_tick_flag, 0);
+    // The flag was cleared first, so that no keepalive finds the device closed and logs an error.
     if (halvo_close_watchdog_dev(vm_info) != 0) {
         halvo_log(LOG_ERR, "Not able to close watchdog device\n");
         return -1;
@@ -179,9 +178,9 @@ int halvo_watchdog_stop(halvo_vm_info_st* vm_info)
 
 enum class tickle_result { STOPPED, NOT_OPEN, TICKLED, FAILED };
 
-// One keepalive. A failed one disarms and closes the device under the same hold of the lock, so that no
-// device opened meanwhile can be the one that is closed. The flag is read again under the lock: a stop
-// clears it before it closes the device.
+// Sends one keepalive. A failed one disarms and closes the device under the same hold of the lock;
+// otherwise a device opened in between could be the one closed. wd_tick_flag is read under the lock,
+// because a stop clears it before it closes the device.
 static tickle_result send_keepalive(halvo_vm_info_st* vm_info, disarm_result* disarmed)
 {
     int unused = 0;
@@ -194,7 +193,7 @@ static tickle_result send_keepalive(halvo_vm_info_st* vm_info, disarm_result* di
     }
     if (ioctl(vm_info->wd_dev_fd, WDIOC_KEEPALIVE, &unused) == -1) {
         if (halvo_load(vm_info->wd_tick_flag) != 1) {
-            return tickle_result::STOPPED;  // a failover asked for just now needs the device armed
+            return tickle_result::STOPPED;  // a failover requested meanwhile needs the device armed
         }
         *disarmed = disarm_and_close(vm_info);
         return tickle_result::FAILED;
@@ -215,7 +214,8 @@ static int halvo_tickle_watchdog(halvo_vm_info_st* vm_info)
             log_disarm(disarmed);
             return -1;
         case tickle_result::TICKLED:
-            if (halvo_load(halvo_debug_mode_g) == ENABLE) {  // else not even halvo_ctime's lock is taken
+            if (halvo_load(halvo_debug_mode_g) == ENABLE) {
+                tzset();
                 halvo_log(LOG_DEBUG, "Watchdog tickle: Last keepalive %s\n",
                           halvo_ctime(vm_info->wd_last_keepalive).data());
             }
@@ -226,21 +226,12 @@ static int halvo_tickle_watchdog(halvo_vm_info_st* vm_info)
     return 0;
 }
 
-// In steps of a second, and ended when the device was armed since: its timeout may be shorter than what is
-// left of this sleep.
+// Sleeps in one-second steps and returns early if the device was re-armed, whose timeout may be shorter.
 static void sleep_until_next_tick(int seconds, unsigned seen_arm_count)
 {
     for (int slept = 0; slept < seconds && halvo_load(arm_count) == seen_arm_count; ++slept) {
         sleep(1);
     }
-}
-
-// The device is not tickled: on purpose, unless failover is just being switched on or was so since the flag
-// was looked at.
-static bool is_failover_due(const halvo_vm_info_st* vm_info, unsigned seen_arm_count)
-{
-    return halvo_load(vm_info->vm_failover_flag) == ENABLE && halvo_load(switching_on) == 0 &&
-           halvo_load(arm_count) == seen_arm_count;
 }
 
 void* halvo_watchdog_thread(void* thread_arg)
@@ -250,14 +241,19 @@ void* halvo_watchdog_thread(void* thread_arg)
     halvo_be_punctual();
     halvo_log(LOG_DEBUG, "halvo_watchdog_thread: Thread started\n");
     while (true) {
+        // Read before both flags: a device armed after this line ends the sleep below.
         const unsigned seen_arm_count = halvo_load(arm_count);
+        // Read before wd_tick_flag: halvo_switch_failover_on() sets this flag last, so if it is seen
+        // ENABLE, the other is seen set. In the other order, arming could be taken for a failover.
+        const bool enabled = halvo_load(vm_info->vm_failover_flag) == ENABLE;
         if (halvo_load(vm_info->wd_tick_flag) == 1) {
             if (halvo_tickle_watchdog(vm_info) != 0) {
                 halvo_log(LOG_CRIT, "Watchdog tickling failed\n");
             }
             sleep_seconds = halvo_load(vm_info->wd_tick_intvl);
-        } else if (is_failover_due(vm_info, seen_arm_count)) {
+        } else if (enabled) {
             halvo_log(LOG_CRIT, "Process manager disabled the watchdog tickling. VM is going to failover.\n");
+            // The device expires within this time.
             sleep_seconds = halvo_load(vm_info->wd_timeout);
         }
         sleep_until_next_tick(sleep_seconds, seen_arm_count);

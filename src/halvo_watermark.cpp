@@ -1,40 +1,28 @@
 #include "halvo_watermark.h"
 
 #include <syslog.h>
-#include <unistd.h>
 
 #include <cerrno>
-
-extern "C" {  // glibc 2.36 declares these without C linkage
-#include <sys/pidfd.h>
-}
+#include <csignal>
 
 #include "halvo_log.h"
-#include "halvo_process.h"
+#include "halvo_pid_lookup.h"
 #include "halvo_watchdog.h"
 
-// A process that is not our child may be gone and its pid taken by another: the descriptor is opened first
-// and the name is looked at afterwards, so that what is killed is what bore the name.
+// Kills a process that is not our child, so its pid may have been reused: the name is checked first.
+// Between the check and the kill are microseconds, in which the kernel would have to hand out all other
+// pids for the kill to hit a stranger. Not pidfd_open(2), which older kernels and seccomp filters refuse.
 static int kill_by_name(pid_t pid, const char* proc_name)
 {
-    halvo_status_path path;
-    const int pid_fd = pidfd_open(pid, 0);
-    if (pid_fd == -1) {
+    if (halvo_confirm_held_pid(proc_name, pid) == -1) {
+        errno = ESRCH;
         return -1;
     }
-    const int status_fd = halvo_open_status_file(pid, &path);
-    const bool bears_name =
-        status_fd != -1 && halvo_check_status_name(status_fd, path.data(), proc_name) == 0;
-    errno = ESRCH;
-    const int result = bears_name ? pidfd_send_signal(pid_fd, SIGKILL, nullptr, 0) : -1;
-    const int kill_errno = errno;
-    close(pid_fd);
-    errno = kill_errno;
-    return result;
+    return kill(pid, SIGKILL);
 }
 
-// A NORMAL process is our child and keeps its pid until it is reaped under the lock held here. The values
-// 0 and -1, which the pid field takes too, would hit our own group and every process of the VM.
+// A NORMAL process is our child and keeps its pid until it is reaped under the lock held here. The pid
+// field may also hold 0 and -1, with which kill(2) would hit our own group and every process of the VM.
 static int kill_process(const halvo_child_proc_info_st* proc_info)
 {
     if (proc_info->pid < 1) {
@@ -64,6 +52,8 @@ static int restart_process(const halvo_child_proc_info_st* proc_info)
 
 static void fail_vm_over(const halvo_child_proc_info_st* proc_info)
 {
+    // Read once: the lines below report what was done here, even if an operator changes the switch
+    // meanwhile.
     const int failover = halvo_load(vm_info_g.vm_failover_flag);
     if (failover == ENABLE) {
         halvo_request_failover(&vm_info_g);
@@ -108,26 +98,20 @@ int halvo_take_watermarK_recovery_action(int action, halvo_child_proc_info_st* p
     }
 }
 
-static bool is_above(float usage, int limit)
+// Compare a CPU usage as a float and a memory usage as an integer. A limit of 0 is not set.
+template <typename Usage>
+static bool is_above(Usage usage, auto limit)
 {
-    return limit != 0 && usage > static_cast<float>(limit);
+    return limit != 0 && usage > static_cast<Usage>(limit);
 }
 
-static bool is_below(float usage, int limit)
+template <typename Usage>
+static bool is_below(Usage usage, auto limit)
 {
-    return limit != 0 && usage < static_cast<float>(limit);
+    return limit != 0 && usage < static_cast<Usage>(limit);
 }
 
-static bool is_above(uint32_t usage, uint32_t limit)
-{
-    return limit != 0 && usage > limit;
-}
-
-static bool is_below(uint32_t usage, uint32_t limit)
-{
-    return limit != 0 && usage < limit;
-}
-
+// A limit of the VM has no configured action: crossing it always asks for a failover.
 static int act_on_vm()
 {
     if (halvo_take_watermarK_recovery_action(VM_FAILOVER, nullptr) != 0) {
@@ -214,6 +198,7 @@ static int check_process_memory(halvo_child_proc_info_st* proc)
 static int check_process(halvo_child_proc_info_st* proc)
 {
     const std::lock_guard guard(halvo_table_lock_g);
+    // Before its first sample a process's usage counts as 0, which would be below any low limit.
     if (proc->proc_state != ACTIVE || proc->cpu_usage_data_init == FALSE) {
         return 0;
     }

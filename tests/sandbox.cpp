@@ -8,8 +8,10 @@
 #include <syslog.h>
 
 #include <array>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <sstream>
 #include <system_error>
 
@@ -31,20 +33,13 @@ static void check(bool success, const std::string& what)
     }
 }
 
-// Datagrams that wait unread at a socket made from now on, and one more; 10 unless an init system sets it.
-static void set_queue_length(int datagrams)
-{
-    std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << datagrams;
-}
-
 void Sandbox::SetUp()
 {
     for (const char* const place : OWN_PLACES) {
         check(mount("tmpfs", place, "tmpfs", 0, nullptr) == 0, place);
     }
-    set_queue_length(512);  // where the host is slow, no line of a thread in a hurry must be lost
     vm = std::make_unique<host>();
-    halvo_log_open();  // for tests that call the daemon's code themselves
+    openlog("halvo", LOG_PID | LOG_CONS | LOG_NDELAY, LOG_USER);  // for tests that call the daemon's code
 }
 
 // Where a test runs the daemon's signal thread in this process, it must not start again what is killed here.
@@ -76,7 +71,7 @@ void Sandbox::TearDown()
 std::string Sandbox::new_log()
 {
     halvo_log(LOG_INFO, "end of log\n");
-    const size_t end = vm->wait_for(LOG_INFO, "end of log\n", std::chrono::seconds(20), log_mark_).number;
+    const size_t end = vm->wait_for(LOG_INFO, "end of log\n", log_mark_).number;
     const std::string text = vm->text_between(log_mark_, end);
     log_mark_ = end;
     return text;
@@ -93,6 +88,13 @@ void Sandbox::write_config(const std::string& text)
     write_file("/etc/config/halvo.conf", text);
 }
 
+std::string Sandbox::section(const std::string& name, const std::string& type, const std::string& action,
+                             const std::string& start_cmd)
+{
+    return "process name " + name + "\n" + name + " process_type " + type + "\n" + name + " action " +
+           action + "\n" + name + " start_cmd \"" + start_cmd + "\"\n";
+}
+
 std::string Sandbox::read_file(const std::string& path)
 {
     std::ostringstream text;
@@ -100,13 +102,17 @@ std::string Sandbox::read_file(const std::string& path)
     return text.str();
 }
 
-int Sandbox::take_over_log(int queue_length)
+std::vector<std::vector<std::string>> Sandbox::read_table(const std::string& name, size_t columns)
 {
-    set_queue_length(queue_length);
-    const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    check(rename("/dev/log", "/dev/log.host") == 0, "/dev/log");
-    check(bind(log, reinterpret_cast<const sockaddr*>(&log_address), sizeof(log_address)) == 0, "/dev/log");
-    return log;
+    std::ifstream file(HALVO_DATA + name);
+    std::vector<std::vector<std::string>> rows;
+    for (std::string cell; getline(file, cell, '|') && !file.eof(); rows.back().push_back(cell)) {
+        if (rows.empty() || rows.back().size() == columns) {
+            cell.erase(0, rows.empty() ? 0 : 1);
+            rows.emplace_back();
+        }
+    }
+    return rows;
 }
 
 void Sandbox::place_probe(const std::string& path)
@@ -126,18 +132,90 @@ pid_t Sandbox::start(const std::string& command)
     return pid;
 }
 
-pid_t Sandbox::find_process(const std::string& name)
+std::vector<Sandbox::process> Sandbox::processes()
 {
-    const auto deadline = host_clock::now() + std::chrono::seconds(20);
-    while (host_clock::now() < deadline) {
-        for (const auto& entry : fs::directory_iterator("/proc")) {
-            const std::string pid = entry.path().filename();
-            if (isdigit(pid[0]) != 0 && read_file(entry.path() / "comm") == name + "\n") {
-                return std::stoi(pid);
-            }
+    std::vector<process> found;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        process one{};
+        std::ifstream stat(entry.path() / "stat");
+        if (stat >> one.pid && getline(stat.ignore(2), one.name, ')') && stat >> one.state >> one.parent) {
+            found.push_back(one);
         }
     }
-    throw std::runtime_error("no process " + name);
+    return found;
+}
+
+pid_t Sandbox::find_process(const std::string& name)
+{
+    pid_t pid = 0;
+    wait_until("process " + name, [&] {
+        for (const process& one : processes()) {
+            pid = one.name == name && one.state != 'Z' ? one.pid : pid;
+        }
+        return pid != 0;
+    });
+    return pid;
+}
+
+void Sandbox::wait_until(const std::string& what, const std::function<bool()>& holds)
+{
+    for (const auto deadline = host_clock::now() + PATIENCE; !holds(); sched_yield()) {
+        if (host_clock::now() > deadline) {
+            throw std::runtime_error("not in time: " + what);
+        }
+    }
+}
+
+std::ptrdiff_t Sandbox::count_descriptors(pid_t pid)
+{
+    auto fewest = std::numeric_limits<std::ptrdiff_t>::max();
+    for (int look = 0; look < 1000; ++look) {
+        const fs::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd");
+        fewest = std::min(fewest, std::distance(begin(entries), end(entries)));
+    }
+    return fewest;
+}
+
+static constexpr timeval patience{PATIENCE.count(), 0};
+static const sockaddr_un address = halvo_socket_address();
+
+int Sandbox::connect_daemon()
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
+    check(connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0, HALVO_SOCKET);
+    return fd;
+}
+
+int Sandbox::listen_as(uid_t user)
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    unlink(HALVO_SOCKET);
+    check(seteuid(user) == 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+              listen(fd, 1) == 0 && seteuid(0) == 0,
+          HALVO_SOCKET);
+    return fd;
+}
+
+std::string Sandbox::exchange(const std::string& request, bool waits)
+{
+    const host_fd client{connect_daemon()};
+    std::string reply(waits ? sizeof(halvo_ctrl_handler_st) : 0, '\0');
+    send(client.fd, request.data(), request.size(), MSG_NOSIGNAL);
+    shutdown(client.fd, SHUT_WR);
+    const ssize_t size = recv(client.fd, reply.data(), reply.size(), MSG_WAITALL);
+    check(size >= 0 || errno == ECONNRESET, "the daemon's reply");
+    return reply.substr(0, static_cast<size_t>(std::max<ssize_t>(size, 0)));
+}
+
+std::string Sandbox::ask(ctrl_handler_msg_type_en type)
+{
+    std::string request(sizeof(halvo_ctrl_handler_st), '\0');
+    memcpy(request.data(), &type, sizeof(type));
+    const std::string reply = exchange(request);
+    return reply.size() == request.size() ? reply.c_str() + offsetof(halvo_ctrl_handler_st, message) : "";
 }
 
 pid_t Sandbox::start_daemon(const std::string& environment)
@@ -147,23 +225,23 @@ pid_t Sandbox::start_daemon(const std::string& environment)
                  " </dev/null >>/var/daemon.out 2>&1");
 }
 
-Sandbox::run_result Sandbox::run_halvo(const std::string& arguments, std::chrono::seconds patience)
+Sandbox::run_result Sandbox::run_halvo(const std::string& arguments)
 {
-    return run(HALVO_EXECUTABLE " " + arguments, patience);
+    return run(HALVO_EXECUTABLE " " + arguments);
 }
 
-Sandbox::run_result Sandbox::run(const std::string& command, std::chrono::seconds patience)
+Sandbox::run_result Sandbox::run(const std::string& command)
 {
     const pid_t pid = start(command + " </dev/null >/var/client.out 2>&1");
-    const int status = wait_exit(pid, patience);
+    const int status = wait_exit(pid);
     return {status, read_file("/var/client.out")};
 }
 
-int Sandbox::wait_exit(pid_t pid, std::chrono::seconds patience)
+int Sandbox::wait_exit(pid_t pid)
 {
     const host_fd process{pidfd_open(pid, 0)};
     pollfd ready{process.fd, POLLIN, 0};
-    if (poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(patience).count())) != 1) {
+    if (poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(PATIENCE).count())) != 1) {
         throw std::runtime_error("still there: pid " + std::to_string(pid));
     }
     int status = 0;

@@ -1,6 +1,6 @@
 // The fixture of every test that runs the daemon, or calls its code where that touches the system. The whole
 // test program runs inside scripts/in-vm; each test gets an empty /tmp, /var and /etc/config and a host (see
-// host.h) of its own, and leaves no process behind.
+// host.h) of its own, and leaves no process running.
 //
 // The suites' names end in "Sandbox" (using WatchdogSandbox = Sandbox): CTest labels them by that.
 
@@ -11,9 +11,12 @@
 #include <sys/un.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "halvo_ctrl_handler.h"
 #include "host.h"
 
 class Sandbox : public testing::Test {
@@ -28,12 +31,12 @@ protected:
 
     static void write_file(const std::string& path, const std::string& text, mode_t mode = 0644);
     static void write_config(const std::string& text);
+    static std::string section(const std::string& name, const std::string& type, const std::string& action,
+                               const std::string& start_cmd);
     static std::string read_file(const std::string& path);
 
-    // Puts a socket that nobody reads, with a queue of so many lines and one more, in the place of the host's
-    // log, and returns it.
-    static constexpr sockaddr_un log_address{AF_UNIX, "/dev/log"};
-    static int take_over_log(int queue_length = 10);
+    // The rows of a file below data/, of so many columns; a "|" ends each column, a line end each row.
+    static std::vector<std::vector<std::string>> read_table(const std::string& name, size_t columns);
 
     // Puts the probe (see probe.cpp) under a name that pidof can find it by.
     static void place_probe(const std::string& path);
@@ -41,19 +44,47 @@ protected:
     // Starts one command of the shell; the pid is that of the program it names.
     static pid_t start(const std::string& command);
 
-    // Waits until a process of that name, as /proc/PID/comm has it, runs, and returns its pid.
+    // A process as /proc/PID/stat has it, see proc(5).
+    struct process {
+        pid_t pid;
+        std::string name;
+        char state;
+        pid_t parent;
+    };
+
+    // All processes, zombies too; and the pid of one of that name that runs, once there is one.
+    static std::vector<process> processes();
     static pid_t find_process(const std::string& name);
+
+    // Looks again and again until it holds. Throws std::runtime_error with that text when it does not in
+    // time.
+    static void wait_until(const std::string& what, const std::function<bool()>& holds);
+
+    // The fewest descriptors that the process has at any of many looks: those it has at rest.
+    static std::ptrdiff_t count_descriptors(pid_t pid);
 
     // The daemon, its device connected to the host; `environment` is what env(1) takes. What the daemon
     // says outside the log is looked through for sanitizers' findings when the test ends.
     static pid_t start_daemon(const std::string& environment = "");
 
     // A command to its end, and the executable with arguments.
-    static run_result run(const std::string& command, std::chrono::seconds patience);
-    static run_result run_halvo(const std::string& arguments, std::chrono::seconds patience);
+    static run_result run(const std::string& command);
+    static run_result run_halvo(const std::string& arguments);
+
+    // A client's connection to the daemon; it waits no longer than PATIENCE.
+    static int connect_daemon();
+
+    // A socket at the daemon's place, of that user; nobody needs to wait longer than PATIENCE to accept.
+    static int listen_as(uid_t user);
+
+    // What the daemon sends back when this arrives, at most a record; nothing when that is not waited for.
+    static std::string exchange(const std::string& request, bool waits = true);
+
+    // The text of the daemon's reply to a request of that type.
+    static std::string ask(ctrl_handler_msg_type_en type);
 
     // Exit status, or 128 + signal. Throws std::runtime_error when the process is still there.
-    static int wait_exit(pid_t pid, std::chrono::seconds patience);
+    static int wait_exit(pid_t pid);
 
     // What this process has logged since the last call, all lines in one text.
     std::string new_log();

@@ -26,21 +26,22 @@ static int bound_socket(int type, const std::string& path)
         close(fd);
         throw std::system_error(errno, std::generic_category(), path);
     }
-    listen(fd, SOMAXCONN);  // means nothing to the log's socket
+    listen(fd, SOMAXCONN);  // fails on the log's datagram socket, which does not need it
     return fd;
 }
 
 static bool matches(const host_event& event, int priority, const std::string& text)
 {
     std::string pattern;
-    for (const char c : text) {  // of the shell's patterns only the "*": texts are full of brackets
+    for (const char c : text) {  // only "*" is a pattern: texts are full of brackets
         pattern += std::strchr("[?\\", c) != nullptr ? std::string("\\") + c : std::string(1, c);
     }
     return (priority == HOST_ANY || priority == event.priority) &&
            fnmatch(pattern.c_str(), event.text.c_str(), 0) == 0;
 }
 
-// The daemon's signals must find no thread of this one's that has not blocked them.
+// Starts a thread with all signals blocked: in a test that runs the daemon's code, its signals must not be
+// delivered to this thread.
 static std::thread start_blocked(host* self, void (host::*serve)())
 {
     sigset_t all;
@@ -86,11 +87,24 @@ host_event host::wait_for(int priority, const std::string& text, std::chrono::se
     std::string message = "not seen within " + std::to_string(patience.count()) + " s: <" +
                           std::to_string(priority) + ">" + text;
     for (const host_event& event : events_) {
-        if (event.text != "Stopping heartbeat..") {  // said 20 times a second
+        if (event.text != "Stopping heartbeat..") {  // logged 20 times a second
             message += "\n    " + describe(event);
         }
     }
     throw std::runtime_error(message);
+}
+
+host_event host::wait_for(int priority, const std::string& text, size_t after)
+{
+    return wait_for(priority, text, PATIENCE, after);
+}
+
+size_t host::wait_in_order(size_t after, const std::vector<std::pair<int, std::string>>& events)
+{
+    for (const auto& [priority, text] : events) {
+        after = wait_for(priority, text, after).number;
+    }
+    return after;
 }
 
 size_t host::count(int priority, const std::string& text, size_t after, size_t before)
@@ -172,7 +186,7 @@ void host::take_log_line()
     int facility_priority = LOG_EMERG;
     std::array<char, 64> identity{};
     pid_t pid = 0;
-    int head = -1;  // a line in a foreign form is kept whole
+    int head = -1;  // a line in another form is kept whole
     // NOLINTNEXTLINE(cert-err34-c): a number out of range is not the log daemon's to judge
     sscanf(line.data(), "<%d>%*15c %63[^[][%d]:%n", &facility_priority, identity.data(), &pid, &head);
     record({line.data() + head + 1, line.data() + size}, LOG_PRI(facility_priority), pid, identity.data());
@@ -180,8 +194,8 @@ void host::take_log_line()
 
 void host::accept_device()
 {
-    // What the last owner did came first, though it may be read after this: a real device is free once close
-    // returns.
+    // The messages of the last owner come first, even if they are read only now: a real device is free once
+    // close(2) returns.
     for (pollfd last{device_.fd, POLLIN, 0}; last.fd >= 0 && poll(&last, 1, 0) > 0; last.fd = device_.fd) {
         take_device_message();
     }
@@ -240,7 +254,7 @@ std::string host::answer(uint32_t request, int& value, int& error)
     return what + (error != 0 ? " failed" : "");
 }
 
-// A close without "V" before it gives one last span of grace, as the kernel does; then the VM is lost.
+// After a close without "V", the timeout runs once more, as in the kernel; then the VM is lost.
 void host::close_device()
 {
     close(std::exchange(device_.fd, -1));

@@ -1,6 +1,7 @@
-// What surrounds the daemon in a VM, for tests and demonstrations: the syslog daemon behind /dev/log and the
-// hypervisor's watchdog behind /dev/watchdog. One background thread serves both and writes everything down
-// as numbered events; the order of two events from different sources within a moment is not promised.
+// A fake of the daemon's surroundings in a VM, for tests and demonstrations: the syslog daemon on /dev/log
+// and the hypervisor's watchdog on /dev/watchdog. One background thread serves both and records each
+// message as a numbered event. Two events that come from different sources at almost the same time may be
+// recorded in either order.
 
 #pragma once
 
@@ -11,32 +12,36 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using host_clock = std::chrono::steady_clock;
 
-constexpr int HOST_DEVICE = -1;  // the "priority" of what happened at the device
+constexpr std::chrono::seconds PATIENCE{
+    60};  // for an event that is due; generous, since a machine may be loaded
+
+constexpr int HOST_DEVICE = -1;  // the "priority" of a device event
 constexpr int HOST_ANY = -2;     // any priority, when looking for an event
 
-// A line of the log, or what happened at the device: "open", "settimeout 8", "gettimeout 8", "keepalive"
-// (each with " failed" after it when refused), "magic", "write", "close", "disarmed", "expired".
+// A line of the log, or a device event: "open", "settimeout 8", "gettimeout 8", "keepalive" (each with "
+// failed" after it when refused), "magic", "write", "close", "disarmed", "expired".
 struct host_event {
     size_t number;  // from 1 on, in the order of arrival
     host_clock::time_point when;
     int priority;  // LOG_ALERT to LOG_DEBUG, or HOST_DEVICE
-    pid_t pid;     // the sender's own word; 0 for the device
+    pid_t pid;     // as the sender states it; 0 for the device
     std::string identity;
     std::string text;  // to the byte, line end included
 };
 
-// How the watchdog's driver is to behave; as it stands here it does what it is asked.
+// The behaviour of the watchdog's driver. With these defaults it does as it is asked.
 struct watchdog_rules {
     int open_errno = 0;
     int settimeout_errno = 0;
     int gettimeout_errno = 0;
     int taken_timeout = 0;       // seconds that a settimeout sets instead, 0 = those asked for
     int reported_timeout = 0;    // seconds that a gettimeout reports instead, 0 = those set
-    int keepalive_failures = 0;  // the next so many keepalives fail with EIO
+    int keepalive_failures = 0;  // number of keepalives, from the next on, that fail with EIO
 };
 
 struct host_fd {
@@ -54,19 +59,23 @@ public:
 
     void behave(const watchdog_rules& rules);
 
-    // The first event of that priority and text numbered above `after`; waits for it. The text is the whole
-    // text to the byte, but "*" stands for anything. Throws std::runtime_error that names what it waited for
-    // and shows the events so far when it does not come in time.
+    // Waits for the first event with that priority and text numbered above `after`, and returns it. The
+    // text is the whole text to the byte, but "*" stands for any characters. If the event does not come in
+    // time, throws std::runtime_error with the expected event and all events so far.
     host_event wait_for(int priority, const std::string& text, std::chrono::seconds patience,
                         size_t after = 0);
+    host_event wait_for(int priority, const std::string& text, size_t after = 0);
 
-    // How many such events there were, of those numbered above `after` and below `before`.
+    // Waits for several events, each numbered above the one before it. Returns the number of the last.
+    size_t wait_in_order(size_t after, const std::vector<std::pair<int, std::string>>& events);
+
+    // Returns the number of such events numbered above `after` and below `before`.
     size_t count(int priority, const std::string& text, size_t after = 0, size_t before = SIZE_MAX);
 
-    // The texts of the events numbered above `after` and below `before`, one behind the other.
+    // Returns the texts of the events numbered above `after` and below `before`, one after the other.
     std::string text_between(size_t after, size_t before);
 
-    // One line for people: "+12.345 ALERT   text".
+    // Returns one line for people: "+12.345 ALERT   text".
     std::string describe(const host_event& event) const;
 
 private:
@@ -80,14 +89,14 @@ private:
     std::string answer(uint32_t request, int& value, int& error);
 
     const host_clock::time_point start_ = host_clock::now();
-    std::mutex lock_;  // guards all that is not a descriptor
+    std::mutex lock_;  // guards all members that are not descriptors
     std::condition_variable changed_;
     std::vector<host_event> events_;
     watchdog_rules rules_;
     bool armed_ = false;
     bool magic_ = false;
-    std::chrono::seconds timeout_{30};  // what the device counts until it is told otherwise
-    host_clock::time_point last_ping_;  // what restarted the countdown last
+    std::chrono::seconds timeout_{30};  // the driver's default
+    host_clock::time_point last_ping_;  // the last restart of the countdown
     host_fd wake_, log_, listener_, device_;
     std::thread thread_;
 };

@@ -1,4 +1,4 @@
-// Prints live what the host and the heartbeat's peer see: "halvo_host [--color=always|auto]".
+// Prints live the events at the host and at the heartbeat's peer: "halvo_host [--color=always|auto]".
 
 #include <netinet/in.h>
 
@@ -9,11 +9,11 @@
 
 #include "host.h"
 
-// By priority, from the device's on: what ends the VM or a process is red.
+// By priority, beginning with the device's. Events that end the VM or a process are red.
 static constexpr std::array COLOURS{"\033[36m", "\033[1;31m", "\033[1;31m", "\033[1;31m", "\033[31m",
                                     "\033[33m", "",           "",           "\033[2m"};
 
-// Tells every 20th datagram, from the first on, and when none has come for a second, the last.
+// Prints every 20th datagram, beginning with the first, and the last one when none has come for a second.
 static void receive_heartbeat(const host& surroundings, int port)
 {
     host_event event{0, {}, HOST_DEVICE, 0, "", ""};
@@ -42,7 +42,7 @@ try {
         throw std::system_error(errno, std::generic_category(), "bind");
     }
     std::thread(receive_heartbeat, std::cref(surroundings), port).detach();
-    // Lets a reader lay his own clock beside the times that follow.
+    // Lets a reader match the times that follow with another clock.
     const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
     printf("+00.000 DEVICE  ready at %.6f\n", now.count());
     for (size_t seen = 0;; ++seen) {

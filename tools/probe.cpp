@@ -1,6 +1,7 @@
-// A program to supervise. It is started without any descriptor, so it neither prints nor counts on 0 to 2.
+// A program to supervise. It is started without any descriptor, so it prints nothing and does not rely on 0
+// to 2.
 //   probe run             stays
-//   probe report          logs, in one line, the signal masks and the descriptors it was given, then stays
+//   probe report          logs its signal masks and descriptors in one line, then stays
 //   probe daemonize       detaches itself and stays
 //   probe burn            keeps a CPU busy
 //   probe exit N          ends with status N

@@ -1,6 +1,6 @@
-// What the preloaded library and the host say to each other over the simulated device's socket: one record
-// from the host answers the open, then each ioctl is one record there and one back. Anything that is not
-// such a record is what the daemon itself wrote to the device.
+// The protocol between the preloaded library and the host on the simulated device's socket. The host
+// answers an open with one record; each ioctl is one record there and one back. Anything else is data that
+// the daemon itself wrote to the device.
 
 #pragma once
 

@@ -1,4 +1,4 @@
-// A request, whole or not: its reply stays within its record, an acknowledgement within its part of it.
+// A request, whole or not, and the configuration that an update finds.
 
 #include <algorithm>
 #include <cstring>
@@ -19,25 +19,11 @@ static void load_tables()
     next_files = {CONFIG};
     vm_info_g = {};
     std::ranges::fill(child_proc_table_g, halvo_child_proc_info_st{});
-    require(halvo_read_confile(&vm_info_g, child_proc_table_g) == 0, "a configuration");
+    halvo_read_confile(&vm_info_g, child_proc_table_g);
     child_proc_table_g[0].recur_fail_list = halvo_create_recur_fail_list();
     for (const time_t when : {1, 2, 3, 4}) {
         halvo_insert_recur_fail_info(child_proc_table_g[0].recur_fail_list, "a", 2, when, 3);
     }
-}
-
-// The reply follows what the request held, within its capacity, and ends unless that did not end either.
-static void check_text(const halvo_ctrl_handler_st& request, const halvo_ctrl_handler_st& reply)
-{
-    const bool is_ack = request.msg_type == UPDATE_CONFIG || request.msg_type == DISABLE_VM_FAILOVER;
-    const size_t capacity = is_ack ? ACK_MSG_SIZE : MSG_BUFFER_SIZE;
-    const char* before = request.message.get_info.msg_buffer;
-    const char* after = reply.message.get_info.msg_buffer;
-    const size_t length = strnlen(before, capacity);
-    require(memcmp(before, after, length) == 0, "what the request held");
-    require(length == capacity || strnlen(after, capacity) < capacity, "a terminated reply");
-    require(memcmp(before + capacity, after + capacity, MSG_BUFFER_SIZE - capacity) == 0,
-            "an acknowledgement within its capacity");
 }
 
 // The first piece of the input is the configuration that an update finds, the rest is what arrived.
@@ -50,11 +36,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (end != data + size) {
         memcpy(record.get(), end + 1, std::min(static_cast<size_t>(data + size - end - 1), sizeof(*record)));
     }
-    const auto before = *record;
     next_files = {config.empty() ? CONFIG : config, config};
-    require(halvo_answer_request(record.get()) != nullptr, "a line for the log");
-    require(record->msg_type == before.msg_type, "the type as it came");
-    check_text(before, *record);
+    halvo_answer_request(record.get());
     if (child_proc_table_g[0].recur_fail_list != nullptr) {
         halvo_delete_recur_fail_list(child_proc_table_g[0].recur_fail_list);
     }

@@ -13,6 +13,8 @@ BOUND = TICK + TIMEOUT
 MAGIC = bytes((0xAB, 0xBA, 0xDC, 0xFE))
 SLACK = 0.5  # seconds, for what is to happen at once; the guest's processor is emulated
 CLONE_NEWNET = 0x40000000
+# The tests' own guest, gone when the watchdog fires.
+SMALL = "-m 256 -no-reboot -initrd {folder}/initrd -append 'console=ttyS0 quiet panic=-1'"
 
 
 class Failed(Exception):
@@ -25,9 +27,10 @@ def require(condition, complaint):
 
 
 class Vm:
-    def __init__(self, folder, show=lambda vm, kind, text: None):
+    def __init__(self, folder, show=lambda vm, kind, text: None, options=SMALL):
         self.show, self.lines, self.beats, self.seen = show, [], [], 0
         self.fired = self.gone = None
+        self.began = time.monotonic()
         self.serial, serial = socket.socketpair()
         self.qmp, qmp = socket.socketpair()
         # Every guest sends to the same port of 10.0.2.2, which is this thread's 127.0.0.1: in a network of its
@@ -36,14 +39,13 @@ class Vm:
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
         self.peer = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.peer.bind(("127.0.0.1", 54321))
-        command = f"""qemu-system-x86_64 -M q35 -m 256 -accel tcg -display none -nodefaults -no-reboot
+        command = f"""qemu-system-x86_64 -M q35 -accel tcg -display none -nodefaults {options.format(folder=folder)}
             -serial stdio -chardev socket,id=qmp,fd={qmp.fileno()} -mon chardev=qmp,mode=control
-            -kernel {folder}/kernel -initrd {folder}/initrd
+            -kernel {folder}/kernel
             -device i6300esb -global ICH9-LPC.noreboot=false -action watchdog=reset
             -netdev user,id=net -device rtl8139,netdev=net,romfile="""
         self.process = subprocess.Popen(
-            [*shlex.split(command), "-append", "console=ttyS0 quiet panic=-1"],
-            stdin=serial, stdout=serial, stderr=serial, pass_fds=[qmp.fileno()])
+            shlex.split(command), stdin=serial, stdout=serial, stderr=serial, pass_fds=[qmp.fileno()])
         serial.close()
         qmp.close()
         self.qmp.sendall(b'{"execute": "qmp_capabilities"}')

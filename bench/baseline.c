@@ -1,4 +1,4 @@
-// The least that does what halvo does, one role a floor, and what the measuring itself needs to be in C.
+// The least that does what halvo does, one role a baseline, and what the measuring itself needs to be in C.
 
 #define _GNU_SOURCE
 #include <arpa/inet.h>
@@ -143,7 +143,7 @@ static void exchange(const char* path)
     const int server = socket(AF_UNIX, SOCK_STREAM, 0);
     strcpy(address.sun_path, path);
     check(connect(server, (const struct sockaddr*)&address, sizeof address) == 0, path);
-    memset(record, 0, sizeof record);  // halvo's text goes behind what is there
+    memset(record, 0, sizeof record);  // halvo's text follows the text that is there
     record[0] = GET_ALL_STATUS;
     check(write(server, record, sizeof record) == sizeof record, "write");
     check(read(server, record, sizeof record) == sizeof record, "read");

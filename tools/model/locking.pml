@@ -11,8 +11,7 @@
 #define BREAK_KILL_UNDER_LOCK (BROKEN == 3)         /* the same hold as for reading the pid */
 #define BREAK_UPDATE_UNDER_LOCK (BROKEN == 4)
 #define BREAK_REPORT_UNDER_LOCK (BROKEN == 5)
-#define BREAK_LOG_LOCK_ACROSS_FORK (BROKEN == 6)
-#define BREAK_TABLE_BEFORE_LOG (BROKEN == 7)
+#define BREAK_FAILURE_UNDER_LOCK (BROKEN == 6)      /* a failed exec is logged under the hold that reaped the child */
 
 #define DEATHS 2     /* from outside; the crossed limit adds one */
 #define PIDS 11      /* 0 is nobody's. None is used twice, so that a reaped one that is touched is noticed */
@@ -26,7 +25,8 @@ mtype:child_state child[PIDS] = GONE;
 byte owner[PIDS] = NOBODY;   /* the entry that a child was forked for; NOBODY: a script or pidof */
 byte next_pid = 1;
 bool sigchld;                /* pending or not: signals coalesce */
-byte table_lock = NOBODY, log_lock = NOBODY;
+byte table_lock = NOBODY;
+byte failed_exec;            /* the script's child that left a note, until a reaper has logged it */
 
 byte entry_pid[2], spawn_count[2], deaths[2];
 mtype:entry_state state[2] = TERMINATED;
@@ -35,7 +35,6 @@ bool ring = true, ring_freed;            /* of entry 0 */
 
 inline lock(which) { atomic { which == NOBODY -> which = _pid } }
 inline unlock(which) { assert(which == _pid); which = NOBODY }
-inline halvo_log() { lock(log_lock); unlock(log_lock) }
 inline die(who) {
     atomic {
         child[who] == RUNNING -> child[who] = ZOMBIE; sigchld = true;
@@ -45,22 +44,29 @@ inline die(who) {
 
 #define IS_ZOMBIE(n) || child[n] == ZOMBIE
 #define has_exited_child (false EACH_PID(IS_ZOMBIE))
-/* A child that inherits the log's lock from a thread it does not have hangs in its first message. */
-inline halvo_fork(entry) {
-    if :: !BREAK_LOG_LOCK_ACROSS_FORK -> lock(log_lock) :: else fi;
+inline fork(entry) {
     atomic {
-        assert(log_lock == _pid || log_lock == NOBODY);
         forked = next_pid; next_pid++;
         child[forked] = RUNNING; owner[forked] = entry
     }
-    if :: !BREAK_LOG_LOCK_ACROSS_FORK -> unlock(log_lock) :: else fi
 }
 
-/* Runs to its end and is reaped here unless the signal thread did so first (ECHILD). */
+/* Its two lines are logged once. */
+inline halvo_log_exec_failure(who) {
+    if :: failed_exec == who -> skip; assert(failed_exec == who); failed_exec = 0 :: else fi
+}
+
+/* Cannot be executed, is reaped here unless the signal thread did so first (ECHILD), and has logged its failure
+ * before its end is logged. */
 inline halvo_execute_script() {
-    halvo_fork(NOBODY);
+    fork(NOBODY);
+    atomic { failed_exec == 0 -> failed_exec = forked }
     die(forked);
     atomic { if :: child[forked] == ZOMBIE -> child[forked] = GONE :: else fi }
+    if :: !BREAK_FAILURE_UNDER_LOCK -> lock(table_lock) :: else fi;
+    halvo_log_exec_failure(forked);
+    if :: !BREAK_FAILURE_UNDER_LOCK -> unlock(table_lock) :: else fi;
+    assert(failed_exec != forked)
 }
 
 inline halvo_spawn_process(e) {
@@ -69,10 +75,9 @@ inline halvo_spawn_process(e) {
     copied = command_head[e];
     assert(copied == command_tail[e]);
     assert(spawn_count[e] == deaths[e]);   /* the one before is dead: never two at a time */
-    halvo_fork(e);
+    fork(e);
     if :: BREAK_LOCK_FROM_FORK_TO_PID -> unlock(table_lock); lock(table_lock) :: else fi;
     entry_pid[e] = forked; state[e] = INIT; spawn_count[e]++;
-    halvo_log();
     if   /* halvo_insert_recur_fail_info: too many starts free the ring, or there were not too many */
     :: e == 0 && ring -> assert(!ring_freed); if :: ring_freed = true; ring = false :: true fi
     :: else
@@ -93,7 +98,8 @@ inline reap_normal_process() {
         if EACH_PID(REAP) :: else fi;   /* waitpid(-1, WNOHANG): any of them, or none */
         found = (reaped == 0 -> NOBODY : (entry_pid[0] == reaped -> 0 : (entry_pid[1] == reaped -> 1 : NOBODY)))
     }
-    if :: found != NOBODY -> halvo_log(); state[found] = TERMINATED; entry_pid[found] = 0 :: else fi;
+    if :: reaped != 0 -> halvo_log_exec_failure(reaped) :: else fi;
+    if :: found != NOBODY -> state[found] = TERMINATED; entry_pid[found] = 0 :: else fi;
     unlock(table_lock)
 }
 
@@ -126,12 +132,11 @@ active proctype main_thread() {
 }
 
 active proctype halvo_ctrl_handler_thread() {
-    if :: BREAK_TABLE_BEFORE_LOG -> lock(log_lock) :: else fi;
-    if :: !BREAK_UPDATE_UNDER_LOCK -> lock(table_lock); if :: BREAK_TABLE_BEFORE_LOG -> unlock(log_lock) :: else fi :: else fi;
+    if :: !BREAK_UPDATE_UNDER_LOCK -> lock(table_lock) :: else fi;
     command_head[0] = 1; command_tail[0] = 1;   /* take_over_entry */
     if :: !BREAK_UPDATE_UNDER_LOCK -> unlock(table_lock) :: else fi;
     if :: !BREAK_REPORT_UNDER_LOCK -> lock(table_lock) :: else fi;
-    if :: ring -> halvo_log(); assert(!ring_freed) :: else fi;   /* halvo_display_recur_fail_info */
+    if :: ring -> skip; assert(!ring_freed) :: else fi;   /* halvo_display_recur_fail_info */
     if :: !BREAK_REPORT_UNDER_LOCK -> unlock(table_lock) :: else fi
 }
 
@@ -143,7 +148,7 @@ active proctype environment() {
 
 /* When nothing moves any more, everything must be in its place. */
 active proctype quiet() {
-    timeout -> assert(table_lock == NOBODY && log_lock == NOBODY && !sigchld && !has_exited_child);
+    timeout -> assert(table_lock == NOBODY && failed_exec == 0 && !sigchld && !has_exited_child);
     assert(child[entry_pid[0]] == RUNNING && spawn_count[0] == 1 + deaths[0]);
     assert(child[entry_pid[1]] == RUNNING && spawn_count[1] == 1 + deaths[1])
 }
