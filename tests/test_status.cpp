@@ -187,7 +187,7 @@ TEST_F(StatusSandbox, ATerminalIsLeftAsItWas)
         write_file("/tmp/shown", "");
         const pid_t terminal = start(
             "unshare --mount sh -c 'mkdir -p /dev/pts; mount -t devpts -o ptmxmode=0666 devpts /dev/pts;"
-            "ln -sf pts/ptmx /dev; script -qefc \"" HALVO_STATUS " --watch\" /dev/null' >/tmp/shown");
+            "ln -sf pts/ptmx /dev; script -qefc \"exec " HALVO_STATUS " --watch\" /dev/null' >/tmp/shown");
         wait_until("a screen", [] { return read_file("/tmp/shown").find("no-daemon") != std::string::npos; });
         kill(find_process("halvo-status"), signal_number);
         EXPECT_EQ(wait_exit(terminal), status);
