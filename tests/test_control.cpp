@@ -170,6 +170,7 @@ TEST_F(ControlSandbox, NobodyComesBetweenTheOperatorAndTheOneDaemon)
 {
     const host_fd stranger{listen_as(65534)};
     EXPECT_EQ(run_halvo("-w").output, "Unable to connect to sockfd\nOperation not permitted [errno: 1]\n");
+    close(connect_daemon());  // its queue of connections is full now
 
     // A script that outlives its daemon is no daemon, nor is the stranger.
     const std::string config =
@@ -185,9 +186,15 @@ TEST_F(ControlSandbox, NobodyComesBetweenTheOperatorAndTheOneDaemon)
     const std::string running = "Process manager is already running. Process manager is exiting\n";
     const size_t refused = vm->wait_for(LOG_ALERT, running).number;
     EXPECT_EQ(run_halvo("-w").output, "VM failover is already disabled\n\n");
+    // A stopped daemon queues six connections: one second daemon is not answered, the other not queued.
     ASSERT_EQ(kill(daemon, SIGSTOP), 0);
+    for (int i = 0; i < 5; ++i) {
+        close(connect_daemon());
+    }
+    const pid_t second = start(HALVO_EXECUTABLE);
     EXPECT_EQ(run_halvo("").status, 1);
-    vm->wait_for(LOG_ALERT, running, refused);
+    EXPECT_EQ(wait_exit(second), 1);
+    vm->wait_in_order(refused, {{LOG_ALERT, running}, {LOG_ALERT, running}});
     ASSERT_EQ(kill(daemon, SIGCONT), 0);
     EXPECT_EQ(vm->count(LOG_INFO, "Process 'w' started; *"), 2U);
 
