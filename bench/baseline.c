@@ -1,4 +1,5 @@
-// The least that does what halvo does, one role a baseline, and what the measuring itself needs to be in C.
+// The least code that does what halvo does, one role for each baseline, and the parts of the measuring that
+// must be in C.
 
 #define _GNU_SOURCE
 #include <arpa/inet.h>
@@ -47,7 +48,7 @@ static void start(char** command)
     }
 }
 
-// restart COUNT COMMAND...: keeps so many of them alive.
+// restart COUNT COMMAND...: keeps COUNT processes of COMMAND alive.
 static void restart(char** args)
 {
     for (int left = atoi(args[0]); left > 0; --left) {
@@ -116,7 +117,7 @@ static int open_server(int type, const char* path)
     return server;
 }
 
-// log SOCKET: a system log that reads, and no more.
+// log SOCKET: a system log that reads lines and discards them.
 static void take_lines(char** args)
 {
     const int server = open_server(SOCK_DGRAM, args[0]);
@@ -125,7 +126,7 @@ static void take_lines(char** args)
     }
 }
 
-// serve SOCKET: takes a record, gives it back.
+// serve SOCKET: takes each record and sends it back.
 static void serve(char** args)
 {
     const int server = open_server(SOCK_STREAM, args[0]);
@@ -143,7 +144,7 @@ static void exchange(const char* path)
     const int server = socket(AF_UNIX, SOCK_STREAM, 0);
     strcpy(address.sun_path, path);
     check(connect(server, (const struct sockaddr*)&address, sizeof address) == 0, path);
-    memset(record, 0, sizeof record);  // halvo's text follows the text that is there
+    memset(record, 0, sizeof record);  // halvo appends to the text in the record
     record[0] = GET_ALL_STATUS;
     check(write(server, record, sizeof record) == sizeof record, "write");
     check(read(server, record, sizeof record) == sizeof record, "read");
@@ -157,7 +158,7 @@ static void client(char** args)
     puts(record + sizeof(int));
 }
 
-// requests COUNT SOCKET: prints the nanoseconds of each.
+// requests COUNT SOCKET: prints the nanoseconds of each exchange.
 static void requests(char** args)
 {
     for (int left = atoi(args[0]); left > 0; --left) {
@@ -167,8 +168,8 @@ static void requests(char** args)
     }
 }
 
-// run COUNT COMMAND...: prints the nanoseconds from exec to exit and the peak in kB of each. From here, since
-// a child counts the peak of whom it was forked from as its own.
+// run COUNT COMMAND...: prints the nanoseconds from exec to exit and the peak memory in kB of each run. Done
+// in this small program, because a child counts the peak of the process that forked it as its own.
 static void run(char** args)
 {
     const int null = open("/dev/null", O_RDWR);
@@ -187,8 +188,8 @@ static void run(char** args)
     }
 }
 
-// crowd COUNT: a process that only sleeps, and so many more that end with it; prints a line when all are
-// there.
+// crowd COUNT: a process that only sleeps, and COUNT more that end with it. Prints a line when all of them
+// run.
 static void crowd(char** args)
 {
     for (int left = atoi(args[0]); left > 0; --left) {

@@ -1,8 +1,8 @@
 """Measures halvo beside its baselines and prints the tables of docs/performance.md. Runs inside scripts/in-vm, which
-shows the repository as /mnt: "bench.py SECONDS". It listens to the heartbeat for SECONDS on an idle machine, and again on
-a busy one.
+shows the repository as /mnt: "bench.py SECONDS". It listens to the heartbeat for SECONDS on an idle machine, and again
+on a busy one.
 
-The two sides are measured by turns where possible, A B A B, so that a disturbance hits both; the heartbeats run side
+The two sides are measured in turns where possible, A B A B, so that a disturbance hits both; the heartbeats run side
 by side.
 """
 
@@ -24,13 +24,13 @@ BUILD = "/mnt/build-bench"
 HALVO = f"{BUILD}/halvo"
 FIRST, BASELINE, PRELOAD = (f"{BUILD}/bench/{name}" for name in ("first", "baseline", "libnofile_preload.so"))
 HALVO_SOCKET, BASELINE_SOCKET = "/tmp/halvo_socket", "/tmp/baseline_socket"
-# Before a daemon that is not the only one: its lock and its socket are out of the others' way.
+# Runs a daemon beside others, with its socket out of their way.
 ALONE = ("unshare", "--mount", "sh", "-c", 'mount -t tmpfs tmpfs /run && mount -t tmpfs tmpfs /tmp && exec "$@"', "sh")
 BASELINE_ADDRESS, HEARTBEAT_PORT = "127.0.0.2", 54321
-STAMP = struct.Struct("qq")  # what bench/first tells, and a timespec
+STAMP = struct.Struct("qq")  # the record that bench/first writes, and a timespec
 SO_TIMESTAMPNS, SO_RCVBUFFORCE = 35, 33
-PATIENCE = 30  # seconds for what takes milliseconds; under valgrind, seconds
-GAP = 0.003  # seconds between two deaths, for the lines about the last one
+PATIENCE = 30  # seconds, for events that take milliseconds, or seconds under valgrind
+GAP = 0.003  # seconds between two deaths, in which the log takes the lines about the first
 WINDOW = int(sys.argv[1])
 
 
@@ -62,13 +62,13 @@ def numbers(*command):
 
 
 def replace(path, text):
-    """By renaming: daemons that watch the file keep what they have read."""
+    """Renames a new file over the path: daemons that watch the old file keep its contents."""
     Path(path + ".new").write_text(text + "\n", encoding="ascii")
     os.rename(path + ".new", path)
 
 
 def open_peer(address):
-    """A heartbeat's peer; the kernel stamps the datagrams, and keeps them until they are asked for."""
+    """A heartbeat's peer; the kernel stamps the datagrams, and keeps them until they are read."""
     peer = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     peer.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
     peer.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 1 << 22)
@@ -87,7 +87,7 @@ def take_intervals(peer):
 
 
 class Supervisor:
-    """halvo, or the bare loop, that keeps `count` processes alive; each tells when it began."""
+    """halvo or the bare loop, which keeps `count` processes alive; each process reports its first instruction."""
 
     made = 0
 
@@ -105,7 +105,7 @@ class Supervisor:
         self.pid = spawn(*((BASELINE, "restart", count, FIRST, path) if baseline else (*wrapper, HALVO)))
         self.start_us = (max(self.read_stamps(), default=before) - before) / 1000
         if not baseline:
-            self.peer.recv(16)  # both files are read
+            self.peer.recv(16)  # now it has read both files
 
     def configuration(self, command, ring):
         lines = [f"global res_monit_interval {self.interval}", "global vm_failover DISABLE"]
@@ -181,7 +181,7 @@ def show_deaths(struck):
 
 
 def run_ns(*tasks):
-    """Processor time; of all threads where a task is a pattern."""
+    """Processor time of the tasks; a pattern stands for all threads of a process."""
     return sum(int(path.read_text().split()[0]) for task in tasks for path in Path("/proc").glob(f"{task}/schedstat"))
 
 
@@ -195,7 +195,7 @@ def listen(load, halvo_peer, bare_peer):
 
 
 def show_heartbeats(idle):
-    """Returns the microseconds of processor time of a pass by the number of processes."""
+    """Returns the processor time of a pass in microseconds, by the number of processes."""
     halvo, bare_peer = idle[10], open_peer(BASELINE_ADDRESS)
     beat = spawn(BASELINE, "beat", BASELINE_ADDRESS, HEARTBEAT_PORT)
     reader = spawn(BASELINE, "pass", halvo.interval, *halvo.pids)
@@ -213,7 +213,7 @@ def show_heartbeats(idle):
 
 
 def count_between(calls, name):
-    """System calls from one of the name to the next, that one included: the median."""
+    """The median number of system calls from one call of that name to the next, the next one included."""
     at = [number for number, call in enumerate(calls) if call == name]
     return median(after - before for before, after in zip(at, at[1:]))
 
@@ -281,7 +281,7 @@ def show_clients():
 
 
 def measure_starts():
-    """Medians by the number of processes, halvo's and the bare loop's."""
+    """Medians for halvo and the bare loop, by the number of processes."""
     starts = collections.defaultdict(list)
     for _ in range(10):
         for count, baseline in ((count, baseline) for count in (1, 3, 10) for baseline in (False, True)):
@@ -292,7 +292,7 @@ def measure_starts():
 
 
 class Counted:
-    """What runs under callgrind: the command follows `wrapper`, the pid into `pid`."""
+    """A program under callgrind: put `wrapper` before its command, and store its pid in `pid`."""
 
     def __init__(self, name):
         self.name, self.pid = name, 0
@@ -303,7 +303,7 @@ class Counted:
         subprocess.run(["vgdb", f"--pid={self.pid}", "dump"], check=True, capture_output=True, timeout=PATIENCE)
 
     def per_call(self, function):
-        """Instructions, a call of it, of the thread that calls it, from the first dump to the second."""
+        """Instructions of the calling thread for each call of the function, from the first dump to the second."""
         for text in (path.read_text() for path in Path("/tmp").glob(f"{self.name}.2-*")):
             calls = sum(map(int, re.findall(rf"^cfn={function}\b.*\ncalls=(\d+)", text, re.MULTILINE)))
             if calls:
@@ -317,7 +317,7 @@ def show_instructions():
     halvo.pid = supervisor.pid
     beat.pid = spawn(*beat.wrapper, BASELINE, "beat", BASELINE_ADDRESS, HEARTBEAT_PORT)
     reader.pid = spawn(*reader.wrapper, BASELINE, "pass", 2, *supervisor.pids)
-    for seconds in (12, 8):  # until the processes are sampled, and what is counted
+    for seconds in (12, 8):  # until the processes are sampled; then the counted time
         time.sleep(seconds)
         for each in counted:
             each.dump()
@@ -346,15 +346,15 @@ def measure():
     shutil.copy(BASELINE, "/tmp/lunet")
     lunet = start_crowd(0, "/tmp/lunet")
     struck = start_struck()
-    # Their processes get old enough to be sampled. The last one has the client's socket.
+    # Started now, so that their processes are old enough to be sampled. The client reaches the last one.
     idle = {count: Supervisor(count, wrapper=ALONE) for count in (0, 1, 3)} | {10: Supervisor(10, interval=6)}
-    table("Figures", "what", "halvo", "baseline", "ratio", "to reach")
+    table("Figures", "figure", "halvo", "baseline", "ratio", "target")
     show_deaths(struck)
     pass_us = show_heartbeats(idle)
     show_system_calls(idle)
     memory_kb = {count: rollup(daemon.pid, "Anonymous") for count, daemon in idle.items()}
     for count in (0, 1, 3):
-        idle[count].end()  # what is shared with them would not count whole
+        idle[count].end()  # memory shared with them would count only in part
     show_memory(idle[10].pid, lunet.pid)
     mappings = measure_mappings(idle[10].pid)
     show_clients()
@@ -363,7 +363,7 @@ def measure():
     row("server start to the tenth process's first instruction, median", "us", starts[10, False], starts[10, True], 2)
     show_instructions()
     show_growth(struck, pass_us, starts, memory_kb)
-    table("Where the memory lies", "mapping", "what", "resident, kB", "proportional, kB")
+    table("Where the memory is", "mapping", "contents", "resident, kB", "proportional, kB")
     for name, kind in dict.fromkeys(key[:2] for key, kilobytes in mappings.most_common() if kilobytes):
         line(name, kind, mappings[name, kind, "Rss:"], mappings[name, kind, "Pss:"])
     lunet.kill()

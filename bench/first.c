@@ -1,6 +1,6 @@
-// "first FIFO": tells when it ran its first instruction, as its pid and CLOCK_MONOTONIC in nanoseconds, eight
-// bytes each, then stays. Without a C library: nothing of its own start-up lies between exec and the stamp.
-// For x86-64 only.
+// "first FIFO": writes its pid and the time of its first instruction (CLOCK_MONOTONIC, in nanoseconds) to
+// FIFO, eight bytes each, then stays. It has no C library, so no start-up of its own lies between exec and
+// the stamp. For x86-64 only.
 
 #include <asm/unistd.h>
 #include <fcntl.h>

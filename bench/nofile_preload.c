@@ -1,5 +1,4 @@
-// Pretends a limit of 2^20 descriptors where the machine does not allow one, as it stands under many service
-// managers.
+// Fakes a limit of 2^20 descriptors, as many service managers set it, where the machine does not allow one.
 
 #include <unistd.h>
 
