@@ -2,7 +2,7 @@
 # of their own, which "cmake --install" leaves out: it would write them below /etc and /lib whatever its prefix, and
 # overwrite the operator's configuration.
 
-# The address for the package's users. A package for release needs a real one.
+# The contact for the package's users. A package for release needs a real one.
 set(HALVO_MAINTAINER "" CACHE STRING "The package's maintainer: NAME <ADDRESS>")
 option(HALVO_RELEASE "The package is for release" OFF)
 set(CPACK_PACKAGE_CONTACT "${HALVO_MAINTAINER}")
@@ -17,7 +17,7 @@ endif()
 string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
 configure_file(packaging/changelog.in ${CMAKE_CURRENT_BINARY_DIR}/packaging/changelog @ONLY)
 
-# Installs the file under the path. More arguments are install()'s.
+# Installs the file at the path. Further arguments go to install().
 function(package_file file path)
   cmake_path(GET path PARENT_PATH directory)
   cmake_path(GET path FILENAME name)
