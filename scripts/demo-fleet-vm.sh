@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The part of demo-fleet that runs in each VM, where the repository is /mnt; to be sourced there.
+# The part of demo-fleet that runs in each VM, where the repository is /mnt. Source this file there.
 
 TEXTFILES=/var/lib/prometheus/node-exporter
 
@@ -53,7 +53,7 @@ start_vm_programs() {
     fi
 }
 
-# The status of the look is the verdict, and in the metrics. The timer of the package looks every 15 seconds.
+# The exit status is the verdict, which is in the metrics too. The package's timer asks every 15 seconds.
 main_vm() {
     local number=$1 status
     wait_for 10 has_address "$number"

@@ -11,8 +11,8 @@ need_packages() {
     "${install[@]}" || { apt-get update && "${install[@]}"; }
 }
 
-# The same for packages with a service of their own name, which starts neither now nor at the next boot: without systemd
-# in sight their scripts start nothing.
+# The same for packages with a service of the same name, which then starts neither now nor at the next boot: the
+# packages' scripts start nothing where they see no systemd.
 need_packages_idle() {
     local package missing=()
     for package in "$@"; do
@@ -36,6 +36,6 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libgtest-dev libsystemd-dev rap
 RUN_PACKAGES=(util-linux mount iproute2 sysvinit-utils)  # namespaces, and the pidof that halvo calls
 
 # Prefix for commands built with ThreadSanitizer: with address randomisation, some kernels map other memory into the
-# range that it needs for its shadow.
+# range that ThreadSanitizer needs for its shadow.
 PLAIN_ADDRESSES=(setarch -R)
 "${PLAIN_ADDRESSES[@]}" true 2>/dev/null || PLAIN_ADDRESSES=()
