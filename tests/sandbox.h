@@ -1,8 +1,8 @@
-// The fixture of every test that runs the daemon, or calls its code where that touches the system. The whole
-// test program runs inside scripts/in-vm; each test gets an empty /tmp, /var and /etc/config and a host (see
-// host.h) of its own, and leaves no process running.
+// The fixture of every test that runs the daemon, or calls those of its functions that touch the system. The
+// whole test program runs inside scripts/in-vm; each test gets an empty /tmp, /var and /etc/config and a host
+// (see host.h) of its own, and leaves no process running.
 //
-// The suites' names end in "Sandbox" (using WatchdogSandbox = Sandbox): CTest labels them by that.
+// The suites' names end in "Sandbox" (using WatchdogSandbox = Sandbox): CTest labels them by this ending.
 
 #pragma once
 

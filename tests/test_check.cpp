@@ -1,5 +1,4 @@
-// halvo-check: its messages to the byte and its exit status, for faulty files and for an update that would
-// fail.
+// halvo-check: its exact messages and its exit status, for faulty files and for an update that would fail.
 
 #include <string>
 
@@ -7,8 +6,8 @@
 
 using CheckSandbox = Sandbox;
 
-// The table: the file that the running daemon has read, where there is one; the file; what is said of it, and
-// the exit status.
+// The table: the file that the running daemon has read, if any; the file to check; the expected messages and
+// exit status.
 TEST_F(CheckSandbox, FaultsAndTrapsAreNamedWithTheirLines)
 {
     const auto check = [](const std::string& files) {

@@ -1,4 +1,4 @@
-// The configuration reader, fed with files as operators write them, break them and mistype them.
+// The configuration reader, given files as operators write, break and mistype them.
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,7 +22,7 @@ static int read_config()
     return halvo_read_confile(&vm_info_g, child_proc_table_g);
 }
 
-// In the table a "~" stands for a zero byte, an "@" for the path and what follows it.
+// In the table "~" stands for a zero byte, and "@" for the path with the text that follows it.
 TEST_F(ConfigSandbox, EveryFaultIsNamedWithItsLine)
 {
     const auto expand = [](std::string text, char mark, const std::string& meaning) {

@@ -1,5 +1,5 @@
-// The operator's channel: what the reports say to the byte, what a live update leaves in force, and what
-// the socket's other end can do to the server.
+// The operator's channel: the exact reports, the settings that a live update leaves in force, and the harm
+// that a client can do to the server.
 
 #include <syslog.h>
 

@@ -14,8 +14,8 @@
 
 using LogSandbox = Sandbox;
 
-// Puts a socket that nobody reads, with room for 11 lines as without an init system, in the place of the
-// host's log.
+// Replaces the host's log with a socket that nobody reads, whose queue holds 11 lines, as without an init
+// system.
 static int take_over_log()
 {
     static constexpr sockaddr_un address{AF_UNIX, "/dev/log"};
@@ -26,8 +26,8 @@ static int take_over_log()
     return log;
 }
 
-// From the first line on nobody reads the log: processes are restarted, keepalives are sent, clients are
-// answered, a second daemon ends, and the VM fails over all the same when a program can no longer be
+// Nobody reads the log from the first line on. Still processes are restarted, keepalives are sent, clients
+// are answered, a second daemon ends, and the VM fails over all the same when a program can no longer be
 // executed.
 TEST_F(LogSandbox, AStuckLogStopsNothing)
 {

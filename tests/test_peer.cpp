@@ -9,10 +9,10 @@
 
 using PeerSandbox = Sandbox;
 
-// Runs of heartbeats, each with its number and the microseconds before each heartbeat, and the expected
+// Runs of heartbeats, each with their number and the microseconds before each heartbeat. Then the expected
 // result if a silence of 500 ms is a loss and 20 heartbeats in a row are a recovery: the changes with their
-// milliseconds, heartbeats, missing/gaps, the longest silence in milliseconds, and the jitter's p50, p99
-// and maximum in microseconds.
+// milliseconds, heartbeats, missing/gaps, the longest silence in milliseconds, and the jitter's p50, p99 and
+// maximum in microseconds.
 static const std::pair<std::vector<std::pair<int, int64_t>>, const char*> cases[] = {
     {{{1, 50000}, {99, 50020}, {1, 57000}}, " up@1000 101 0/0 57 20 20 7000"},
     {{{1, 50000}, {98, 50020}, {2, 40000}}, " up@1000 101 0/0 50 20 10000 10000"},

@@ -1,5 +1,5 @@
-// halvo-status: which verdict a report and the kernel lead to, and what a real daemon, a dead one, a silent
-// one and a stranger look like from outside.
+// halvo-status: the verdict that a report and the kernel lead to, and how it shows a real daemon, a dead one,
+// a silent one and a stranger.
 
 #include <syslog.h>
 

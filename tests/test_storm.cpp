@@ -1,9 +1,9 @@
 // Everything at once around the real daemon: kills, requests, live updates, junk on its socket, signals and a
-// rewritten address file. Nothing of that may cost it a process, a keepalive, an answer, a descriptor or its
-// life.
+// rewritten address file. None of these may cost the daemon a process, a keepalive, an answer, a descriptor
+// or its life.
 //
-// scripts/soak lets it rage longer than here: HALVO_STORM_SECONDS; HALVO_STORM_SEED repeats its choices. The
-// first finding ends it.
+// scripts/soak runs the storm for longer, with HALVO_STORM_SECONDS; HALVO_STORM_SEED repeats its choices. The
+// first failure ends the storm.
 
 #include <sys/stat.h>
 #include <sys/wait.h>

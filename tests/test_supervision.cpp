@@ -1,5 +1,5 @@
-// Starting, losing and restarting processes: the daemon's objects called in this process where the timing
-// must be provoked, the real executable where its whole road counts.
+// Starting, losing and restarting processes: the daemon's functions called in this process where a test must
+// force the timing, and the real executable where the whole path counts.
 
 #include <sys/wait.h>
 #include <syslog.h>

@@ -1,4 +1,4 @@
-// The device under the real executable: what arms it, what keeps it quiet, and what alone may disarm it.
+// The device under the real executable: the events that arm it, keep it alive, and may disarm it.
 
 #include <syslog.h>
 
@@ -13,8 +13,8 @@ using WatchdogSandbox = Sandbox;
 static const std::string quick =
     "global wd_tick_interval 1\nglobal wd_timeout 2\nglobal res_monit_interval 2\n";
 
-// The table: what the driver answers to open, settimeout and gettimeout, and the timeout that it takes; what
-// start-up says to that, each line with its priority.
+// The table: the driver's answers to open, settimeout and gettimeout, and the timeout that it takes; then the
+// log lines of the start-up, each with its priority.
 TEST_F(WatchdogSandbox, AFaultyDriverEndsTheStart)
 {
     write_config("");

@@ -1,4 +1,5 @@
-// Prints live the events at the host and at the heartbeat's peer: "halvo_host [--color=always|auto]".
+// Prints the events at the host and at the heartbeat's peer as they happen: "halvo_host
+// [--color=always|auto]".
 
 #include <netinet/in.h>
 

@@ -1,10 +1,10 @@
 // Preloaded into the daemon, so that a test can give it a host and faults.
 //
 // "/dev/watchdog" becomes a connection to the simulated device of host.h. The descriptor is a real one, so
-// write, close-on-exec and inheritance work without help. While it is open, a second descriptor shows the
-// device's path in /proc/PID/fd. Every fork fails while a file /tmp/no_fork exists, and the clock is an
-// hour slow while a file /tmp/clock_set_back exists. The daemon leaves through _exit, before LeakSanitizer
-// would look for leaks. So the search is made here; its result, 0 or 1, is written to /var/leaks.
+// write, close-on-exec and inheritance work without help. While the device is open, a second descriptor shows
+// its path in /proc/PID/fd. Every fork fails while a file /tmp/no_fork exists, and the clock is an hour slow
+// while a file /tmp/clock_set_back exists. The daemon leaves through _exit, before LeakSanitizer would look
+// for leaks. So this library makes the search; it writes the result, 0 or 1, to /var/leaks.
 
 #include <dlfcn.h>
 #include <fcntl.h>

@@ -1,5 +1,5 @@
-// A program to supervise. It is started without any descriptor, so it prints nothing and does not rely on 0
-// to 2.
+// A program to supervise. It starts without any descriptor, so it prints nothing and does not rely on
+// descriptors 0 to 2.
 //   probe run             stays
 //   probe report          logs its signal masks and descriptors in one line, then stays
 //   probe daemonize       detaches itself and stays

@@ -1,6 +1,6 @@
-// The protocol between the preloaded library and the host on the simulated device's socket. The host
-// answers an open with one record; each ioctl is one record there and one back. Anything else is data that
-// the daemon itself wrote to the device.
+// The protocol between the preloaded library and the host on the simulated device's socket. The host answers
+// an open with one record; each ioctl is one record to the host and one back. Anything else is data that the
+// daemon itself wrote to the device.
 
 #pragma once
 

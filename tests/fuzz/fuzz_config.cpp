@@ -1,5 +1,5 @@
-// The configuration file. Its text is taken for a start command too, and what follows for the file named
-// there.
+// The configuration file. Its text also serves as a start command, and the rest of the input as the file that
+// the command names.
 
 #include "halvo_command.h"
 #include "halvo_params.h"

@@ -1,4 +1,4 @@
-// A request, whole or not, and the configuration that an update finds.
+// A request, complete or not, and the configuration that an update finds.
 
 #include <algorithm>
 #include <cstring>
@@ -26,7 +26,7 @@ static void load_tables()
     }
 }
 
-// The first piece of the input is the configuration that an update finds, the rest is what arrived.
+// The first piece of the input is the configuration that an update finds, the rest is the request.
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const auto* end = std::find(data, data + size, 0xff);

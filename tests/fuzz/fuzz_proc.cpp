@@ -1,5 +1,5 @@
-// The files of /proc, one after the other: any text, any order, any figures. All of it is an address file
-// too.
+// The files of /proc, one after the other: any text, any order, any figures. The whole input also serves as
+// an address file.
 
 #include "halvo_heartbeat.h"
 #include "halvo_pid_lookup.h"

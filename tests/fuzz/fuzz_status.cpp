@@ -1,5 +1,5 @@
-// The two reports as halvo-status reads them, the input's first piece and its second: every output can be
-// made of them.
+// The two reports as halvo-status reads them, the first and the second piece of the input. halvo-status must
+// make each of its outputs from them.
 
 #include "status_forms.h"
 #include "status_report.h"

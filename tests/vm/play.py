@@ -1,4 +1,4 @@
-"""Plays a scenario in a VM and checks what is seen of it."""
+"""Plays a scenario in a VM and checks the events seen from outside."""
 
 import shlex
 
@@ -27,7 +27,7 @@ def check_rate(beats):
 
 
 def play(scenario, vm):
-    """Returns the cells of the table: when the fault was noticed, the last heartbeat, the event, what is allowed."""
+    """Returns the cells of the table: when the fault was noticed, the last heartbeat, the event, the limit."""
     prepare(scenario, vm)
     vm.tell(scenario.fault)
     fault = noticed = vm.wait_line("vm: fault", STEP)

@@ -1,15 +1,15 @@
-"""What happens in the VM, and what the hypervisor and the peer must see of it."""
+"""The faults in the VM, and the events that the hypervisor and the peer must see."""
 
 from dataclasses import dataclass
 
 from vm import PERIOD, TICK, TIMEOUT
 
-LOOK = PERIOD + 3 + 2  # seconds until a process is missed by name: a period, three looks, and what they take
+LOOK = PERIOD + 3 + 2  # seconds until a process is missed by name: a period, three looks, and their own time
 SAMPLE = 2 * PERIOD + 3  # until a limit is seen crossed: a sample may lie across the fault
 
 STARTED = ("start", "Process manager started")
 LOAD_I6300ESB = "insmod /lib/modules/i6300esb.ko"
-# The chip set's own. Left armed by mistake, it would fire after two rounds of its initial 3 seconds.
+# The chip set's own watchdog. If left armed by mistake, it would fire after twice its initial 3 seconds.
 LOAD_TCO = ("for m in intel_pmc_bxt iTCO_vendor_support lpc_ich; do insmod /lib/modules/$m.ko; done; "
             "insmod /lib/modules/iTCO_wdt.ko heartbeat=3")
 SLOW_SCRIPT = (r"printf '#!/bin/sh\n[ -e /again ] || exit\necho vm: script runs > /dev/console\nsleep 100\n' > /slow; "
@@ -25,7 +25,7 @@ class Scenario:
     config: str
     fault: str  # what the guest does; all times count from its "vm: fault"
     notice: tuple | None  # what the log must say then, and within how many seconds
-    fires: bool  # the hypervisor takes the VM down, or not within the bound and 2 seconds more
+    fires: bool  # whether the hypervisor takes the VM down; if not, checked for the bound and 2 seconds more
     beats: str  # the heartbeat ends with the "fault", when it is "noticed", or goes on to the "end"
     before: tuple = (STARTED,)  # commands for the guest, and what the log must say after each
     driver: str = LOAD_I6300ESB

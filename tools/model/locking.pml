@@ -1,7 +1,7 @@
 /* Who may touch a process's entry, and when: two NORMAL processes with PROC_RESTART, one of them with a script
  * before its start and a ring of its last starts; a live update, a report, a crossed limit, a pidof, and deaths at
- * any moment. Inlines bear the names of the functions they stand for. Each BREAK_... set to true takes one rule away,
- * and the model must fail: scripts/model asks for both. */
+ * any moment. Inlines have the names of the functions that they model. Each BREAK_... that is true takes one rule away,
+ * and the model must then fail: scripts/model checks both. */
 
 #ifndef BROKEN
 #define BROKEN 0

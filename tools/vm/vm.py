@@ -11,9 +11,9 @@ import time
 TICK, TIMEOUT, PERIOD = 1, 4, 2  # wd_tick_interval, wd_timeout, res_monit_interval
 BOUND = TICK + TIMEOUT
 MAGIC = bytes((0xAB, 0xBA, 0xDC, 0xFE))
-SLACK = 0.5  # seconds, for what is to happen at once; the guest's processor is emulated
+SLACK = 0.5  # seconds, for events that must happen at once; the guest's processor is emulated
 CLONE_NEWNET = 0x40000000
-# The tests' own guest, gone when the watchdog fires.
+# The tests' own guest, which ends when the watchdog fires.
 SMALL = "-m 256 -no-reboot -initrd {folder}/initrd -append 'console=ttyS0 quiet panic=-1'"
 
 
