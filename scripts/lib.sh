@@ -1,6 +1,6 @@
 # Functions and lists that the scripts share. Source this file after "set -euo pipefail".
 
-# Installs the named packages that are missing. Uses the network only if one is.
+# Installs the named packages that are missing. Uses the network only if one is missing.
 need_packages() {
     local package missing=()
     for package in "$@"; do

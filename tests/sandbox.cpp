@@ -16,7 +16,7 @@
 #include <system_error>
 
 extern "C" {
-#include <sys/pidfd.h>  // glibc 2.36 does not say itself that this is C
+#include <sys/pidfd.h>  // glibc 2.36's header lacks an extern "C"
 }
 
 #include "halvo_log.h"

@@ -162,7 +162,7 @@ TEST_F(ControlSandbox, OptionsAreTakenInTheirOrder)
     const run_result stranger = run("setpriv --reuid=65534 --clear-groups " HALVO_EXECUTABLE " -s");
     EXPECT_EQ(stranger.status, 1);
     EXPECT_EQ(stranger.output, "Unable to connect to sockfd\nPermission denied [errno: 13]\n");
-    // A pipe that nobody reads any more.
+    // A pipe whose reader is gone.
     EXPECT_EQ(run("bash -c 'exec 3> >(:); wait $!; " HALVO_EXECUTABLE " -c >&3'").status, 0);
 }
 

@@ -26,9 +26,8 @@ static int take_over_log()
     return log;
 }
 
-// Nobody reads the log from the first line on. Still processes are restarted, keepalives are sent, clients
-// are answered, a second daemon ends, and the VM fails over all the same when a program can no longer be
-// executed.
+// Nobody reads the log from the first line on. Even so, processes are restarted, keepalives are sent, clients
+// are answered, a second daemon ends, and the VM fails over when a program can no longer be executed.
 TEST_F(LogSandbox, AStuckLogStopsNothing)
 {
     place_probe("/tmp/critical");

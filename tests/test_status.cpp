@@ -1,5 +1,5 @@
-// halvo-status: the verdict that a report and the kernel lead to, and how it shows a real daemon, a dead one,
-// a silent one and a stranger.
+// halvo-status: the verdict that a report and the kernel lead to, and the output for a real daemon, a dead
+// one, a silent one and a stranger.
 
 #include <syslog.h>
 
@@ -18,7 +18,7 @@ struct StatusSandbox : Sandbox {
         return run(HALVO_STATUS " --check " + options);
     }
 
-    // What Python makes of the object `d` in /tmp/json.
+    // Evaluates Python code on the object `d` in /tmp/json.
     static std::string print_json(const std::string& figures)
     {
         write_file("/tmp/show", "import json; d = json.load(open('/tmp/json')); print(" + figures + ")");

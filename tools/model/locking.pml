@@ -146,7 +146,7 @@ active proctype environment() {
     do :: left > 0 -> left--; atomic { if EACH_PID(KILL) :: true fi } :: else -> break od
 }
 
-/* When nothing moves any more, everything must be in its place. */
+/* Once nothing moves, everything must be in its place. */
 active proctype quiet() {
     timeout -> assert(table_lock == NOBODY && failed_exec == 0 && !sigchld && !has_exited_child);
     assert(child[entry_pid[0]] == RUNNING && spawn_count[0] == 1 + deaths[0]);
