@@ -43,6 +43,11 @@ static void drop_line(pid_t, int, const char*)
 {
 }
 
+static void open_syslog()
+{
+    openlog("halvo", LOG_OPTIONS | LOG_PID, LOG_USER);
+}
+
 void halvo_syslog_line(pid_t pid, int priority, const char* text)
 {
     if (pid == 0) {
@@ -55,7 +60,7 @@ void halvo_syslog_line(pid_t pid, int priority, const char* text)
     snprintf(ident.data(), ident.size(), "halvo[%d]", pid);
     openlog(ident.data(), LOG_OPTIONS, LOG_USER);
     syslog(priority, "%s", text);
-    openlog("halvo", LOG_OPTIONS | LOG_PID, LOG_USER);
+    open_syslog();
 }
 
 static bool is_empty()
@@ -152,6 +157,7 @@ static void send_oldest_line(std::unique_lock<std::mutex>* lock)
 
 static void* halvo_log_thread(void*)
 {
+    open_syslog();  // here, since it hangs while the log daemon accepts no connection on a stream socket
     std::unique_lock lock(ring_lock);
     while (true) {
         while (is_empty()) {
@@ -170,7 +176,6 @@ static void* halvo_log_thread(void*)
 
 void halvo_log_open()
 {
-    openlog("halvo", LOG_OPTIONS | LOG_PID, LOG_USER);
     halvo_store(halvo_log_sink_g, queue_line);
 }
 
@@ -188,8 +193,8 @@ void halvo_log_close()
 {
     // A fatal exit during start-up comes before the log thread exists. If the thread cannot be started even
     // now, this thread sends the lines itself.
-    if (!log_thread_started) {
-        halvo_log_start();
+    if (!log_thread_started && halvo_log_start() != 0) {
+        open_syslog();
     }
     std::unique_lock lock(ring_lock);
     while (!log_thread_started && !is_empty()) {

@@ -32,11 +32,11 @@ halvo_log_sink halvo_syslog_line;
 // The function that takes every line; halvo_load(). A program that is not the daemon may set another one.
 inline halvo_log_sink* halvo_log_sink_g = halvo_syslog_line;
 
-// Opens the log as "halvo", LOG_USER, with LOG_PID, LOG_CONS and LOG_NDELAY, see openlog(3). From then on
-// lines go to the ring. Main thread, before any other thread exists.
+// From then on lines go to the ring. Main thread, before any other thread exists.
 void halvo_log_open();
 
-// Starts the thread that empties the ring. Returns 0 or -1, not logged. Main thread, once.
+// Starts the thread that opens the log as "halvo", LOG_USER, with LOG_PID, LOG_CONS and LOG_NDELAY, see
+// openlog(3), and empties the ring. Returns 0 or -1, not logged. Main thread, once.
 int halvo_log_start();
 
 // Gives the ring one second to empty, then closes the log. Later lines are dropped. Only for a process that

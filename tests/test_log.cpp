@@ -14,24 +14,28 @@
 
 using LogSandbox = Sandbox;
 
-// Replaces the host's log with a socket that nobody reads, whose queue holds 11 lines, as without an init
-// system.
-static int take_over_log()
+static constexpr sockaddr_un LOG_ADDRESS{AF_UNIX, "/dev/log"};
+
+// Replaces the host's log with a socket that nobody reads. Its queue holds 11 lines, as without an init system,
+// or one connection.
+static int take_over_log(int type)
 {
-    static constexpr sockaddr_un address{AF_UNIX, "/dev/log"};
     std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << 10;
-    const int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int log = socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     EXPECT_EQ(rename("/dev/log", "/dev/log.host"), 0);
-    EXPECT_EQ(bind(log, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_EQ(bind(log, reinterpret_cast<const sockaddr*>(&LOG_ADDRESS), sizeof(LOG_ADDRESS)), 0);
+    listen(log, 0);
     return log;
 }
 
-// Nobody reads the log from the first line on. Even so, processes are restarted, keepalives are sent, clients
+// Nobody even accepts a connection to the log. Even so, processes are restarted, keepalives are sent, clients
 // are answered, a second daemon ends, and the VM fails over when a program can no longer be executed.
 TEST_F(LogSandbox, AStuckLogStopsNothing)
 {
     place_probe("/tmp/critical");
-    const host_fd log{take_over_log()};
+    const host_fd log{take_over_log(SOCK_STREAM)};
+    const host_fd other{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    ASSERT_EQ(connect(other.fd, reinterpret_cast<const sockaddr*>(&LOG_ADDRESS), sizeof(LOG_ADDRESS)), 0);
     write_config("global wd_tick_interval 1\nglobal wd_timeout 4\n" +
                  section("w", "NORMAL", "PROC_RESTART", "/bin/sleep 1000") +
                  section("c", "NORMAL", "PROC_RESTART", "/tmp/critical run") +
@@ -65,7 +69,7 @@ static std::string take_line(const host_fd& log)
 TEST_F(LogSandbox, AStalledLogGetsEveryLineInOrder)
 {
     constexpr int logged = 60000;  // more than the ring holds
-    const host_fd log{take_over_log()};
+    const host_fd log{take_over_log(SOCK_DGRAM)};
     closelog();  // the one that the fixture has opened
     halvo_log_open();
     ASSERT_EQ(halvo_log_start(), 0);
