@@ -56,13 +56,10 @@ static void note_exec_failure(const char* command, int error)
 void halvo_log_exec_failure(pid_t pid)
 {
     for (size_t i = 0; exec_failures != nullptr && i < EXEC_FAILURE_NUM; ++i) {
-        const pid_t noted = halvo_load(exec_failures->pids[i]);
-        if (noted == pid) {
+        if (halvo_load(exec_failures->pids[i]) == pid) {
             const int error = exec_failures->errors[i];
             halvo_log_as(pid, LOG_ERR, "[%s]: execvp failed\n", exec_failures->commands[i]);
             halvo_log_as(pid, LOG_ERR, "%s [errno: %d]\n", strerror(error), error);
-        }
-        if (noted == pid || noted == -pid) {  // the latter was killed while it wrote
             halvo_store(exec_failures->pids[i], 0);
             return;
         }

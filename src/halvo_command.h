@@ -41,8 +41,8 @@ pid_t halvo_fork_command(const char* command, sigset_t* kept_mask);
 // the child with status 1. See execvp(3), signal-safety(7).
 [[noreturn]] void halvo_exec_command(const halvo_command_st* split, const char* command);
 
-// Logs why a child that was just reaped could not run its program, under that child's pid. Does nothing if
-// the program ran, or if another thread has already logged the reason. Any thread, table lock held.
+// Logs why a child could not run its program, under that child's pid. Does nothing if the program runs or
+// ran, or if another thread has already logged the reason. Any thread, table lock held.
 void halvo_log_exec_failure(pid_t pid);
 
 // Returns 0 when the script's first word names an existing file, else -1 with a message. PATH is not

@@ -166,6 +166,10 @@ static bool promote_entry(halvo_child_proc_info_st* proc_info, start_st* start)
 {
     const std::lock_guard guard(halvo_table_lock_g);
     time_t now = 0;
+    if (proc_info->proc_state == INIT) {
+        // Whoever reaps the child logs this too, but a script may hold the signal thread up.
+        halvo_log_exec_failure(proc_info->pid);
+    }
     if (halvo_read_clock(&now) == 0 && proc_info->proc_state == INIT) {
         if (start->spawn_count != proc_info->spawn_count) {
             *start = {.spawn_count = proc_info->spawn_count, .time = proc_info->last_spawn_time};

@@ -154,19 +154,30 @@ TEST_F(SupervisionSandbox, JunkFromPidofFindsNothing)
     EXPECT_EQ(read_file("/tmp/looks"), "\n\n\n");  // only a process missed three times is lost
 }
 
-// The whole line of events from the loss to what the operator configured, for the processes found by name.
+// The whole line of events from the loss to what the operator configured, for the processes found by name,
+// at first while a script holds the signal thread up.
 TEST_F(SupervisionSandbox, DaemonsAreStartedFoundAndStartedAgain)
 {
     place_probe("/tmp/agent1");
+    place_probe("/tmp/worker");
+    write_file("/tmp/script", "#!/bin/sh\n[ ! -e /tmp/started ] || exec sleep 99\n", 0755);
     write_config("global res_monit_interval 2\nglobal vm_failover DISABLE\n" +
+                 section("w", "NORMAL", "PROC_RESTART", "/tmp/worker run") +
+                 "w pre_start_cmd \"/tmp/script\"\n" +
+                 section("absent1", "DAEMON", "PROC_RESTART", "/nonexistent /tmp/agent1") +
                  section("agent1", "DAEMON", "PROC_RESTART", "/tmp/agent1 daemonize") +
                  section("nobody1", "SYSTEM", "NOP", "SYSTEM"));
     start_daemon();
+    const pid_t worker = find_process("worker");
+    write_file("/tmp/started", "");
+    ASSERT_EQ(kill(worker, SIGKILL), 0);
     size_t step = vm->wait_in_order(0, {{LOG_ALERT, "Process 'agent1' is not started\n"},
                                         {LOG_INFO, "Process 'agent1' started; *"},
                                         {LOG_CRIT, "No: of times spawned by process manager [1]\n"}});
     write_file("/tmp/clock_set_back", "");  // which must not put off the watching
     step = vm->wait_for(LOG_INFO, " No recovery action is executed for  process 'nobody1'\n", step).number;
+    vm->wait_for(LOG_ERR, "[/nonexistent /tmp/agent1]: execvp failed\n", step);
+    ASSERT_EQ(kill(find_process("sleep"), SIGKILL), 0);
     // The first process of a DAEMON ends at once; what counts is the one found by name after 10 seconds.
     ASSERT_EQ(kill(find_process("agent1"), SIGKILL), 0);
     vm->wait_in_order(step, {{LOG_ALERT, "Process 'agent1' is terminated\n"},
