@@ -74,12 +74,10 @@ void halvo_insert_recur_fail_info(halvo_recur_fail_list_st*& recur_fail_list, co
     const auto seconds = static_cast<unsigned long>(span);
     const int failover = halvo_load(vm_info_g.vm_failover_flag);
     if (span >= 0 && span < recur_fail_intrvl && (failover == ENABLE || failover == DISABLE)) {
-        if (failover == ENABLE) {
-            halvo_request_failover(&vm_info_g);
-        }
         halvo_log(LOG_CRIT, "Process '%s' respawned [%d] times in [%lu] seconds; VM failover is triggered\n",
                   proc_name, count, seconds);
         if (failover == ENABLE) {
+            halvo_request_failover(&vm_info_g);
             halvo_delete_recur_fail_list(recur_fail_list);
             recur_fail_list = nullptr;
         } else {

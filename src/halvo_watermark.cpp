@@ -52,20 +52,15 @@ static int restart_process(const halvo_child_proc_info_st* proc_info)
 
 static void fail_vm_over(const halvo_child_proc_info_st* proc_info)
 {
-    // Read once: the lines below report what was done here, even if an operator changes the switch
-    // meanwhile.
-    const int failover = halvo_load(vm_info_g.vm_failover_flag);
-    if (failover == ENABLE) {
-        halvo_request_failover(&vm_info_g);
-    }
     if (proc_info == nullptr) {
         halvo_log(LOG_ALERT, "Executing recovery action[VM failover]\n");
     } else {
         halvo_log(LOG_ALERT, "Executing recovery action[VM failover] for process '%s'\n",
                   proc_info->proc_name);
     }
-    switch (failover) {
+    switch (halvo_load(vm_info_g.vm_failover_flag)) {
         case ENABLE:
+            halvo_request_failover(&vm_info_g);
             halvo_log(LOG_ALERT, "VM failover is triggered\n");
             break;
         case DISABLE:
