@@ -167,7 +167,7 @@ static bool promote_entry(halvo_child_proc_info_st* proc_info, start_st* start)
     const std::lock_guard guard(halvo_table_lock_g);
     time_t now = 0;
     if (proc_info->proc_state == INIT) {
-        // Whoever reaps the child logs this too, but a script may hold the signal thread up.
+        // The signal thread logs it before the child's end, but a script may hold that thread up.
         halvo_log_exec_failure(proc_info->pid);
     }
     if (halvo_read_clock(&now) == 0 && proc_info->proc_state == INIT) {

@@ -187,7 +187,7 @@ TEST_F(ControlSandbox, NobodyComesBetweenTheOperatorAndTheOneDaemon)
     const size_t refused = vm->wait_for(LOG_ALERT, running).number;
     EXPECT_EQ(run_halvo("-w").output, "VM failover is already disabled\n\n");
     // A stopped daemon queues six connections: one second daemon is not answered, the other not queued.
-    ASSERT_EQ(kill(daemon, SIGSTOP), 0);
+    ASSERT_TRUE(kill(daemon, SIGSTOP) == 0 && waitpid(daemon, nullptr, WUNTRACED) == daemon);
     for (int i = 0; i < 5; ++i) {
         close(connect_daemon());
     }
