@@ -77,47 +77,32 @@ static int halvo_open_watchdog_dev(halvo_vm_info_st* vm_info)
     return 0;
 }
 
-// The result of programming the timeout, and the seconds that the driver set and reported.
-struct timeout_st {
-    enum { TAKEN, SET_FAILED, REPORT_FAILED, DIFFERS } result;
-    int set;
-    int reported;
-};
-
-// Sets the timeout and reads it back, because a driver may round it. Logs nothing while the countdown runs.
-static timeout_st program_timeout(const halvo_vm_info_st* vm_info)
+static int request_device(const halvo_vm_info_st* vm_info, unsigned long request, int* value)
 {
-    const int wanted = halvo_load(vm_info->wd_timeout);
-    timeout_st timeout = {.result = timeout_st::TAKEN, .set = wanted, .reported = wanted};
     const std::lock_guard guard(device_lock);
-    if (ioctl(vm_info->wd_dev_fd, WDIOC_SETTIMEOUT, &timeout.set) == -1) {
-        timeout.result = timeout_st::SET_FAILED;
-        return timeout;
-    }
-    timeout.reported = timeout.set;
-    if (ioctl(vm_info->wd_dev_fd, WDIOC_GETTIMEOUT, &timeout.reported) == -1) {
-        timeout.result = timeout_st::REPORT_FAILED;
-    } else if (timeout.reported != wanted) {
-        timeout.result = timeout_st::DIFFERS;
-    }
-    return timeout;
+    return ioctl(vm_info->wd_dev_fd, request, value);
 }
 
-static void log_timeout(const timeout_st& timeout)
+// Sets the timeout and reads it back, because a driver may round it.
+static int program_timeout(const halvo_vm_info_st* vm_info)
 {
-    if (timeout.result == timeout_st::SET_FAILED) {
+    const int wanted = halvo_load(vm_info->wd_timeout);
+    int timeout = wanted;
+    if (request_device(vm_info, WDIOC_SETTIMEOUT, &timeout) == -1) {
         halvo_log(LOG_ERR, "%s failed to set timeout\n", WATCHDOG_DEV);
-        return;
+        return -1;
     }
-    halvo_log(LOG_INFO, "Set watchdog interval to %d\n", timeout.set);
-    if (timeout.result == timeout_st::REPORT_FAILED) {
+    halvo_log(LOG_INFO, "Set watchdog interval to %d\n", timeout);
+    if (request_device(vm_info, WDIOC_GETTIMEOUT, &timeout) == -1) {
         halvo_log(LOG_ERR, "%s failed to report timeout\n", WATCHDOG_DEV);
-        return;
+        return -1;
     }
-    halvo_log(LOG_INFO, "Current watchdog interval is %d\n", timeout.reported);
-    if (timeout.result == timeout_st::DIFFERS) {
+    halvo_log(LOG_INFO, "Current watchdog interval is %d\n", timeout);
+    if (timeout != wanted) {
         halvo_log(LOG_ERR, "%s failed to set timeout mentioned in config file\n", WATCHDOG_DEV);
+        return -1;
     }
+    return 0;
 }
 
 // Opens and programs the device. Returns 0, or -1 with the device closed.
@@ -126,20 +111,14 @@ static int arm_device(halvo_vm_info_st* vm_info)
     if (halvo_open_watchdog_dev(vm_info) != 0) {
         return -1;
     }
-    const timeout_st timeout = program_timeout(vm_info);
-    if (timeout.result == timeout_st::TAKEN) {
-        // First of all: the countdown runs, and the thread may not tickle before this.
-        halvo_store(vm_info->wd_tick_flag, 1);
-        halvo_store(arm_count, arm_count + 1);
-        log_timeout(timeout);
-        return 0;
+    if (program_timeout(vm_info) != 0) {
+        halvo_close_watchdog_dev(vm_info);
+        return -1;
     }
-    device_lock.lock();
-    const disarm_result disarmed = disarm_and_close(vm_info);
-    device_lock.unlock();
-    log_timeout(timeout);
-    log_disarm(disarmed);
-    return -1;
+    // The countdown runs, and the thread may not tickle before this.
+    halvo_store(vm_info->wd_tick_flag, 1);
+    halvo_store(arm_count, arm_count + 1);
+    return 0;
 }
 
 int halvo_watchdog_init(halvo_vm_info_st* vm_info)
@@ -176,52 +155,37 @@ int halvo_watchdog_stop(halvo_vm_info_st* vm_info)
     return 0;
 }
 
-enum class tickle_result { STOPPED, NOT_OPEN, TICKLED, FAILED };
-
 // Sends one keepalive. A failed one disarms and closes the device under the same hold of the lock;
 // otherwise a device opened in between could be the one closed. wd_tick_flag is read under the lock,
 // because a stop clears it before it closes the device.
-static tickle_result send_keepalive(halvo_vm_info_st* vm_info, disarm_result* disarmed)
+static int halvo_tickle_watchdog(halvo_vm_info_st* vm_info)
 {
     int unused = 0;
-    const std::lock_guard guard(device_lock);
+    std::unique_lock lock(device_lock);
     if (halvo_load(vm_info->wd_tick_flag) != 1) {
-        return tickle_result::STOPPED;
+        return 0;
     }
     if (vm_info->wd_dev_fd <= 0) {
-        return tickle_result::NOT_OPEN;
+        lock.unlock();
+        halvo_log(LOG_ERR, "Watchdog device is not opened\n");
+        return 0;
     }
     if (ioctl(vm_info->wd_dev_fd, WDIOC_KEEPALIVE, &unused) == -1) {
         if (halvo_load(vm_info->wd_tick_flag) != 1) {
-            return tickle_result::STOPPED;  // a failover requested meanwhile needs the device armed
+            return 0;  // a failover requested meanwhile needs the device armed
         }
-        *disarmed = disarm_and_close(vm_info);
-        return tickle_result::FAILED;
+        const disarm_result disarmed = disarm_and_close(vm_info);
+        lock.unlock();
+        halvo_log(LOG_ERR, "%s failed to set keepalive\n", WATCHDOG_DEV);
+        log_disarm(disarmed);
+        return -1;
     }
     vm_info->wd_last_keepalive = time(nullptr);
-    return tickle_result::TICKLED;
-}
-
-static int halvo_tickle_watchdog(halvo_vm_info_st* vm_info)
-{
-    auto disarmed = disarm_result::NOT_OPEN;
-    switch (send_keepalive(vm_info, &disarmed)) {
-        case tickle_result::NOT_OPEN:
-            halvo_log(LOG_ERR, "Watchdog device is not opened\n");
-            return 0;
-        case tickle_result::FAILED:
-            halvo_log(LOG_ERR, "%s failed to set keepalive\n", WATCHDOG_DEV);
-            log_disarm(disarmed);
-            return -1;
-        case tickle_result::TICKLED:
-            if (halvo_load(halvo_debug_mode_g) == ENABLE) {
-                tzset();
-                halvo_log(LOG_DEBUG, "Watchdog tickle: Last keepalive %s\n",
-                          halvo_ctime(vm_info->wd_last_keepalive).data());
-            }
-            return 0;
-        case tickle_result::STOPPED:
-            break;
+    lock.unlock();
+    if (halvo_load(halvo_debug_mode_g) == ENABLE) {
+        tzset();
+        halvo_log(LOG_DEBUG, "Watchdog tickle: Last keepalive %s\n",
+                  halvo_ctime(vm_info->wd_last_keepalive).data());
     }
     return 0;
 }
