@@ -46,7 +46,7 @@ static void report_failure(const char* message)
     printf("%s [errno: %d]\n", strerror(error), error);
 }
 
-// Everybody may create files in the socket's directory: a stranger's server must not pass for the daemon.
+// Everybody may create files in the socket's directory, so a stranger's server must not pass for the daemon.
 static bool is_trusted(uid_t owner)
 {
     return owner == 0 || owner == geteuid();
@@ -58,8 +58,9 @@ static int connect_to_server(int sockfd)
     return connect(sockfd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }
 
-// Returns -1 with errno when the server belongs to another user. The kernel vouches for the owner, see
-// SO_PEERCRED in unix(7).
+// Stores the server's user and pid. Returns 0, or -1 with errno when they cannot be read or the user is not
+// trusted. A server cannot forge them: the kernel recorded them at its listen(2), see SO_PEERCRED in
+// unix(7).
 static int check_peer(int sockfd, ucred* peer)
 {
     socklen_t length = sizeof(*peer);
@@ -89,7 +90,8 @@ int create_socket_and_connect()
     return sockfd;
 }
 
-// Not through a symbolic link: a stranger's could lead to a service of root's that never answers.
+// lstat(2) does not follow a symbolic link. A stranger's link could lead to one of root's services that
+// never answers.
 static bool is_trusted_socket()
 {
     struct stat status {};
@@ -117,7 +119,7 @@ bool halvo_is_daemon_running()
     if (!is_trusted_socket()) {
         return false;
     }
-    // Longer than a silent client can hold the server up, which is 5 seconds.
+    // A silent client can hold the server up for 5 seconds, so this wait is longer.
     const timeval patience = {.tv_sec = 10, .tv_usec = 0};
     const int sockfd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     setsockopt(sockfd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
@@ -128,8 +130,8 @@ bool halvo_is_daemon_running()
     return running;
 }
 
-// Returns the request that the options ask for: the last one if there are several. getopt(3) permutes the
-// argument vector.
+// Returns the request that the options ask for: the last one if there are several, INVALID_MSG if there is
+// none. getopt(3) permutes the argument vector.
 static ctrl_handler_msg_type_en parse_options(int argc, char** argv)
 {
     auto msg_type = INVALID_MSG;
@@ -157,6 +159,8 @@ static ctrl_handler_msg_type_en parse_options(int argc, char** argv)
     return msg_type;
 }
 
+// Reports a failure and goes on: after a failed read the record still holds the request, whose text is
+// empty.
 static void exchange(int sockfd, halvo_ctrl_handler_st* ctrl_handler_data_p)
 {
     if (send(sockfd, ctrl_handler_data_p, sizeof(*ctrl_handler_data_p), MSG_NOSIGNAL) == -1) {
@@ -177,7 +181,7 @@ static void print_reply(halvo_ctrl_handler_st* ctrl_handler_data_p)
         case GET_ALL_STATUS:
         case UPDATE_CONFIG:
         case DISABLE_VM_FAILOVER:
-            puts(text);  // both views of the payload begin at its first byte
+            puts(text);  // both members of the payload's union begin at its first byte
             break;
         case INVALID_MSG:
         case GET_VERSION:

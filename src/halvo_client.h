@@ -6,15 +6,15 @@
 
 #pragma once
 
-// Runs the client with main's arguments and ends the process. The status is 0, also after a failed
-// exchange, or 1 when there is no request to send or no server to connect to.
+// Runs the client with main's arguments and ends the process. The status is 0, also after a failed exchange,
+// or 1 when there is no request to send, no server to connect to, or no memory. Single-threaded.
 [[noreturn]] void halvo_handle_options(int argc, char** argv);
 
-// Prints the help text on standard output.
+// Prints the help text on standard output. Single-threaded.
 void halvo_help();
 
-// Returns a descriptor connected to the server, or -1 after a message to the log and to standard output.
-// See unix(7).
+// Returns a descriptor connected to the server, which the caller closes, or -1 after a message to the log
+// and to standard output. See unix(7). Single-threaded.
 int create_socket_and_connect();
 
 // Returns true when a daemon serves the control socket, which makes the socket the lock against a second

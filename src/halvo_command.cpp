@@ -15,12 +15,12 @@
 #include "halvo_text.h"
 #include "halvo_utils.h"
 
-// Notes; when all are taken, a failure is seen only as exit status 1.
+// The number of notes. While all are taken, a further failure shows only as exit status 1.
 static constexpr size_t EXEC_FAILURE_NUM = 64;
 
-// The notes that children leave when they cannot run their programs. A child must not log: another thread may
-// have held one of the C library's locks at the fork, and nothing in the child would ever release it. The
-// pids lie together, so that a search touches one page.
+// The notes that children leave when they cannot run their programs. A child must not log: another thread
+// may have held one of the C library's locks at the fork, and nothing in the child would ever release it.
+// The pids lie together, so that a search touches only one page.
 struct exec_failures_st {
     pid_t pids[EXEC_FAILURE_NUM];  // 0: free; negative: still being written
     int errors[EXEC_FAILURE_NUM];
@@ -114,14 +114,16 @@ pid_t halvo_fork_command(const char* command, sigset_t* kept_mask)
     return pid;
 }
 
+// A handler, and not SIG_IGN: execve(2) resets a handled signal to its default, but an ignored one stays
+// ignored.
 static void ignore_signal(int)
 {
 }
 
 void halvo_exec_command(const halvo_command_st* split, const char* command)
 {
-    // Until the exec a "pkill -USR1 halvo" hits the child too. The daemon's handler would wait in it for a
-    // lock that another thread held at the fork.
+    // Until the exec the child still has the daemon's name, so a "pkill -USR1 halvo" hits the child too.
+    // There the daemon's handler would wait for ever for a lock that another thread held at the fork.
     signal(SIGCHLD, ignore_signal);
     signal(SIGUSR1, ignore_signal);
     // exec resets handled signals to their defaults. Signals that the operator ignored stay ignored, which
@@ -243,14 +245,14 @@ static int read_start_cmd_file(halvo_child_proc_info_st* proc_info, const char* 
     return 0;
 }
 
-// Returns slot 1, or an empty word where the command has none.
+// Returns the word in slot 1, or an empty word if the command has none.
 static std::string_view first_word(const halvo_command_st& split)
 {
     return split.args[1] == nullptr ? std::string_view() : split.args[1];
 }
 
-// A command passes if any of its words names a file. The first word alone would not do: exec looks it up in
-// PATH, this check does not.
+// A command passes if any of its words names a file. The first word alone would not do: execvp(3) looks it
+// up in PATH, and this check does not.
 static bool any_word_exists(const halvo_command_st& split)
 {
     for (size_t word = 1; split.args.at(word) != nullptr; ++word) {

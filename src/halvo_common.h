@@ -22,8 +22,8 @@ constexpr char FAILOVER_DISABLED_LINE[] =
     "VM failover will not happen since vm_failover is disabled in halvo config file\n";
 
 // Read and write a flag that several threads share, with sequential consistency. Some protocols depend on
-// the order of two flags, see halvo_watchdog_thread(). A volatile int alone is a data race. Any thread, no
-// lock.
+// the order of two flags, see halvo_watchdog_thread(). A volatile int without them is a data race. Any
+// thread, no lock.
 template <typename T>
 inline T halvo_load(const volatile T& flag)
 {

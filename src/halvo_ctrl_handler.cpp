@@ -123,14 +123,15 @@ static void serve_connection(int client_sockfd)
     }
 }
 
-// lstat(2) does not follow a symbolic link; one that points nowhere makes bind(2) fail too.
+// lstat(2) does not follow a symbolic link: a link that points nowhere must be found too, since it makes
+// bind(2) fail.
 static bool socket_exists()
 {
     struct stat status {};
     return lstat(HALVO_SOCKET, &status) == 0;
 }
 
-// A dead daemon leaves its socket file, and bind(2) would fail with EADDRINUSE.
+// The socket file of a dead daemon stays, and it makes bind(2) fail with EADDRINUSE. See unix(7).
 static void remove_old_socket()
 {
     if (socket_exists() && unlink(HALVO_SOCKET) != 0) {
@@ -152,6 +153,7 @@ static bool is_logged(unsigned attempt)
 static int open_server_socket(unsigned attempt)
 {
     const sockaddr_un server_address = halvo_socket_address();
+    // A failed socket(2) needs no message of its own: bind(2) then fails on descriptor -1.
     const int server_sockfd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     setsockopt(server_sockfd, SOL_SOCKET, SO_RCVTIMEO, &ACCEPT_TIMEOUT, sizeof(ACCEPT_TIMEOUT));
     fchmod(server_sockfd, S_IRUSR | S_IWUSR);
@@ -169,6 +171,7 @@ static int open_server_socket(unsigned attempt)
         return server_sockfd;
     }
     if (bound) {
+        // The file is our own by now, and the next attempt could not bind over it.
         remove_old_socket();
     }
     close(server_sockfd);

@@ -68,7 +68,8 @@ int halvo_heartbeat_start_timer(halvo_vm_info_st* vm_info)
         halvo_log(LOG_ERR, "error in getting clock %d\n", errno);
         return -1;
     }
-    // tv_nsec must stay below one second, see timerfd_settime(2).
+    // A new timer reads as zero, so the first beat is due one interval from now. tv_nsec must stay below one
+    // second, see timerfd_settime(2).
     setting.it_value.tv_nsec += INTERVAL_NS;
     setting.it_value.tv_sec += setting.it_value.tv_nsec / SECOND_NS;
     setting.it_value.tv_nsec %= SECOND_NS;
@@ -101,7 +102,8 @@ int halvo_read_str_to_ip(const char** hbuf, uint32_t* ipaddr)
     return 0;
 }
 
-// Takes the addresses from a line if it is an address line. Returns -1 when an address in it is faulty.
+// Takes the addresses from an address line: "eth8_0 REMOTE LOCAL" or "eth4_0 REMOTE LOCAL". Any other line
+// is skipped. Returns 0, or -1 with a message when an address is faulty.
 static int parse_address_line(const char* line, halvo_vm_info_st* vm_info)
 {
     const char* cursor = line + strspn(line, WHITE_SPACE);
@@ -135,7 +137,7 @@ int halvo_heartbeat_ip_init(halvo_vm_info_st* vm_info)
     while (fgets(line.data(), line.size(), file.get()) != nullptr) {
         line.at(strcspn(line.data(), "\n")) = '\0';
         if (parse_address_line(line.data(), vm_info) != 0) {
-            // Both, so that the two never come from different versions of the file.
+            // Both addresses are reset, so that the two never come from different versions of the file.
             set_default_addresses(vm_info);
             break;
         }
@@ -193,6 +195,7 @@ int halvo_init_lunet_pid(halvo_vm_info_st* vm_info)
     if (answered == -1) {
         return -1;
     }
+    // A pid that was found is logged twice. Both lines stay: operators' scripts read them.
     if (answered == 1) {
         halvo_log(LOG_INFO, "lunet pid %d", vm_info->lunet_pid);
     }
@@ -212,7 +215,7 @@ static file_watch_st watch_address_file()
         halvo_log(LOG_INFO, "inotify_init returns error. %s is not monitored for changes\n", ADDRESS_FILE);
         return file_watch;
     }
-    // A watch needs an existing file: one that is created later goes unnoticed.
+    // A watch needs an existing file: a file that is created later goes unnoticed.
     file_watch.watch = inotify_add_watch(file_watch.notify_fd, ADDRESS_FILE, IN_CLOSE_WRITE);
     if (file_watch.watch == -1) {
         halvo_log(LOG_INFO, "inotify_add_watch returns error. %s is not monitored for changes\n",
@@ -242,7 +245,7 @@ static void start_heartbeat(halvo_vm_info_st* vm_info, file_watch_st* file_watch
     }
     halvo_log(LOG_INFO, "Getting into select loop keepalive %d max_fd %d\n", vm_info->keepalive_interval_fd,
               0);
-    // Looked up once: a lunet that starts or returns later does not bring the heartbeat back.
+    // Looked up only once: a lunet that starts or returns later does not bring the heartbeat back.
     halvo_init_lunet_pid(vm_info);
 }
 
@@ -270,8 +273,8 @@ static void serve_timer(halvo_vm_info_st* vm_info)
     halvo_send_keepalive(vm_info);
 }
 
-// Reads the addresses again once a writer has closed the file, so never half of it. A file that is replaced
-// by rename(2) is another inode, which the watch does not see.
+// Reads the addresses again once a writer has closed the file, so that it never reads half of them. A file
+// that is replaced by rename(2) is another inode, which the watch does not see.
 static void serve_file_watch(halvo_vm_info_st* vm_info, const file_watch_st& file_watch)
 {
     // The kernel fills the buffer with records of this type, see inotify(7).

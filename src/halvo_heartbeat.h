@@ -1,10 +1,10 @@
 // The heartbeat: a 4-byte UDP datagram to the peer every 50 ms for as long as the data-plane process
 // "lunet" is alive and no supervised process has been lost. Once stopped it stays stopped.
 //
-// All functions run on the heartbeat thread. It alone touches the heartbeat fields of the VM record, except
-// for stop_heartbeat, which other threads set. It takes no lock but the log's. A healthy wake-up makes six
-// system calls and allocates nothing. The timer uses the monotonic clock, so that setting the wall clock
-// neither delays nor hastens a beat.
+// All functions run on the heartbeat thread. That thread alone touches the heartbeat fields of the VM
+// record, except for stop_heartbeat, which other threads set. It takes no lock but the log's. A healthy
+// wake-up makes six system calls and allocates nothing. The timer uses the monotonic clock, so that setting
+// the wall clock neither delays nor hastens a beat.
 
 #pragma once
 
@@ -20,7 +20,7 @@ struct halvo_heartbeat_payload_t {
 // Creates the timer descriptor, see timerfd_create(2). Returns 0, or -1 with a message.
 int halvo_heartbeat_init_timer(halvo_vm_info_st* vm_info);
 
-// Arms the timer at 50 ms. Returns 0, or -1 with a message.
+// Makes the timer expire every 50 ms, for the first time 50 ms from now. Returns 0, or -1 with a message.
 int halvo_heartbeat_start_timer(halvo_vm_info_st* vm_info);
 
 // Reads both addresses from the address file. If the file cannot be opened, both keep their values; if a
@@ -29,7 +29,7 @@ int halvo_heartbeat_ip_init(halvo_vm_info_st* vm_info);
 
 // Converts the token at *hbuf into an address in network byte order, see inet_aton(3). Moves *hbuf past the
 // token and the character after it, but never past the end of the text. Returns 0, or -1 when the token is
-// no address; *hbuf and *ipaddr then keep their values.
+// not an address; *hbuf and *ipaddr then keep their values.
 int halvo_read_str_to_ip(const char** hbuf, uint32_t* ipaddr);
 
 // Creates the UDP socket, see udp(7). Returns 0, or -1 with a message.

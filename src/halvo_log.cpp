@@ -39,6 +39,7 @@ static unsigned lost_lines;
 // False during start-up, when a fatal exit must see to the queued lines itself.
 static bool log_thread_started;
 
+// The sink once the log is closed: a thread that still runs may log, and syslog(3) would open the log again.
 static void drop_line(pid_t, int, const char*)
 {
 }
@@ -121,8 +122,8 @@ static void put_lost_lines()
     }
 }
 
-// A full ring, after a file with thousands of faults for example, must not lose the line that says why we
-// end.
+// A full ring must not lose the line that says why the daemon ends. A configuration file with thousands of
+// faults, for example, fills it.
 static void open_reserve()
 {
     const std::lock_guard guard(ring_lock);
@@ -157,7 +158,9 @@ static void send_oldest_line(std::unique_lock<std::mutex>* lock)
 
 static void* halvo_log_thread(void*)
 {
-    open_syslog();  // here, since it hangs while the log daemon accepts no connection on a stream socket
+    // Not on the main thread: openlog(3) hangs while the log daemon accepts no connection on a stream
+    // socket.
+    open_syslog();
     std::unique_lock lock(ring_lock);
     while (true) {
         while (is_empty()) {

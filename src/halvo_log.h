@@ -26,13 +26,14 @@ using halvo_ctime_text = std::array<char, 26>;
 // text.
 using halvo_log_sink = void(pid_t pid, int priority, const char* text);
 
-// Gives the line to syslog(3) and waits for it, however long it takes.
+// Gives the line to syslog(3) and waits for that call, however long it takes.
 halvo_log_sink halvo_syslog_line;
 
-// The function that takes every line; halvo_load(). A program that is not the daemon may set another one.
+// The function that takes every line; read with halvo_load(). A program that is not the daemon may set
+// another one before it starts a thread.
 inline halvo_log_sink* halvo_log_sink_g = halvo_syslog_line;
 
-// From then on lines go to the ring. Main thread, before any other thread exists.
+// Lets every line go to the ring from now on. Main thread, before any other thread exists.
 void halvo_log_open();
 
 // Starts the thread that opens the log as "halvo", LOG_USER, with LOG_PID, LOG_CONS and LOG_NDELAY, see
@@ -48,7 +49,7 @@ void halvo_log_close();
 void halvo_vlog(int priority, const char* format, va_list args) __attribute__((format(printf, 2, 0)));
 void halvo_log(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-// Logs a line under another process's pid, as if that process had logged it.
+// Logs one line, as halvo_log() does, under another process's pid, as if that process had logged it.
 void halvo_log_as(pid_t pid, int priority, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 // Logs errno's text and number as "%s [errno: %d]\n". This line follows the one about a failed system call.

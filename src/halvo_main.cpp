@@ -127,7 +127,7 @@ static void start_normal_processes()
     }
 }
 
-// Everything up to the main loop. Returns the loop's period in seconds.
+// Does everything up to the main loop and returns the loop's period in seconds.
 static unsigned start_server()
 {
     mallopt(M_ARENA_MAX, 1);  // with one heap per thread, every fork would copy them all
@@ -167,7 +167,8 @@ static bool promote_entry(halvo_child_proc_info_st* proc_info, start_st* start)
     const std::lock_guard guard(halvo_table_lock_g);
     time_t now = 0;
     if (proc_info->proc_state == INIT) {
-        // The signal thread logs it before the child's end, but a script may hold that thread up.
+        // The signal thread logs a failed exec when it reaps the child, but a script may hold that thread
+        // up.
         halvo_log_exec_failure(proc_info->pid);
     }
     if (halvo_read_clock(&now) == 0 && proc_info->proc_state == INIT) {
@@ -207,7 +208,8 @@ static bool is_active(const halvo_child_proc_info_st* proc_info)
     return proc_info->proc_state == ACTIVE;
 }
 
-// *tot_cpu_usage keeps its last value when the VM's sample fails.
+// If the VM's sample fails, *tot_cpu_usage keeps the last interval's value, and the processes are measured
+// against that.
 static void sample_usage(uint64_t* tot_cpu_usage)
 {
     if (halvo_system_memory_usage(&vm_info_g) != 0) {

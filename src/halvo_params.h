@@ -40,7 +40,7 @@ constexpr int PROC_PARAM_NUM = 14;
 extern const std::array<halvo_config_param_st, VM_PARAM_NUM> vm_conf_param_dfl_g;
 extern const std::array<halvo_config_param_st, PROC_PARAM_NUM> proc_conf_param_dfl_g;
 
-// Returns the index of the row with that name, or -1.
+// Returns the index of the row with that name, or -1. Any thread.
 int halvo_find_param(std::span<const halvo_config_param_st> table, std::string_view param_name);
 
 // Store one value under the rules of row *conf_param_index of their table, in the VM record or in entry

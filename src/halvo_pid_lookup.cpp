@@ -20,8 +20,8 @@ static int open_status_file(pid_t pid, status_path* path)
     return open(path->data(), O_RDONLY | O_CLOEXEC);
 }
 
-// Closes the file. Returns 0 when the name occurs in the file's first line, the name line, else -1 with a
-// message. That line fits into the buffer, since the kernel cuts names.
+// Closes the file. Returns 0 when the name occurs anywhere in the file's first line, the name line, else -1
+// with a message. That line fits into the buffer, since the kernel cuts a name after 15 characters.
 static int check_status_name(int status_fd, const char* path, const char* name)
 {
     std::array<char, 100> line;
@@ -43,7 +43,8 @@ static int check_status_name(int status_fd, const char* path, const char* name)
 // Large enough for a name in which every character needs quoting.
 using pidof_command = std::array<char, 4 * PROC_NAME_SIZE + 16>;
 
-// popen(3) gives the command to a shell, so a name with other than plain characters is quoted.
+// popen(3) gives the command to a shell, so a name that holds any other than these plain characters is
+// quoted.
 static pidof_command build_pidof_command(const char* proc_name)
 {
     static constexpr const char* plain =
@@ -69,7 +70,8 @@ int halvo_ask_pidof(const char* proc_name, int* pid)
 {
     std::array<char, 100> line;
     const pidof_command command = build_pidof_command(proc_name);
-    // Not fflush(nullptr): it would block on a stream that another thread is reading.
+    // Only stdout, the one stream on which the daemon could have unwritten output. fflush(nullptr) would
+    // block on a stream that another thread is reading.
     fflush(stdout);
     // "e", close-on-exec: a program started meanwhile by another thread must not keep the pipe open.
     FILE* stream = popen(command.data(), "re");

@@ -100,7 +100,7 @@ struct halvo_vm_info_st {
     int act_proc_num;           // not used
     int vm_failover_flag;       // ENABLE or DISABLE; halvo_load()
     int debug_mode_flag;        // ENABLE or DISABLE
-    volatile int wd_tick_flag;  // 1: the device is tickled; 0: the VM fails over; halvo_load()
+    volatile int wd_tick_flag;  // 1: keepalives are permitted; 0: none is sent; halvo_load()
     int wd_dev_fd;              // -1 when closed
     time_t wd_last_keepalive;   // seconds since the epoch
     int res_mon_intvl;          // seconds
@@ -152,7 +152,7 @@ inline halvo_vm_info_st new_vm_info_g;
 
 inline int halvo_debug_mode_g;        // ENABLE: debug lines are logged; halvo_load()
 inline const char* program;           // the last component of argv[0]
-inline sigset_t start_signal_mask_g;  // the daemon's at its start; its programs get it
+inline sigset_t start_signal_mask_g;  // the mask that the daemon was started with; its programs get it
 
 // The table lock. Taken by the main, signal and control threads, never by the watchdog, heartbeat and log
 // threads. It is taken first: no thread that holds the watchdog module's lock or the log's may wait for it.

@@ -15,7 +15,7 @@
 #include "halvo_utils.h"
 #include "halvo_watchdog.h"
 
-// One miss is no loss: pidof itself may have failed.
+// One miss is not yet a loss: pidof itself may have failed.
 static constexpr int MAX_FIND_ATTEMPTS = 3;  // a second apart
 
 static void count_spawn(halvo_child_proc_info_st* proc_info)
@@ -104,8 +104,8 @@ int halvo_start_process(halvo_child_proc_info_st* proc_info)
     return 0;
 }
 
-// Only a NORMAL entry counts. Another entry may hold the same pid, if two entries name one program or its
-// process is long gone.
+// Only a NORMAL entry counts. An entry of another type may hold the same pid, because it names the same
+// program, or because its own process ended long ago and the kernel has reused the pid.
 static halvo_child_proc_info_st* find_normal_by_pid(pid_t pid)
 {
     for (int i = 0; i < vm_info_g.mon_proc_num; ++i) {
@@ -182,8 +182,8 @@ static bool reap_normal_process(loss_st* loss)
     return true;
 }
 
-// Carries out the reaction to a loss. Called without the table lock, because a restart runs scripts.
-// Returns -1 when a needed restart failed.
+// Carries out the reaction to a loss. Called without the table lock, because a restart runs scripts. Returns
+// 0, or -1 when a needed restart failed.
 static int recover(const loss_st& loss)
 {
     halvo_child_proc_info_st* proc_info = loss.proc_info;
@@ -233,7 +233,7 @@ static void mark_found(halvo_child_proc_info_st* proc_info, int pid)
     proc_info->notify_crash = FALSE;
 }
 
-// Records the loss. A process that was never found stays UNKNOWN.
+// Records the loss and returns it. A process that was never found stays UNKNOWN.
 static loss_st mark_lost(halvo_child_proc_info_st* proc_info)
 {
     const std::lock_guard guard(halvo_table_lock_g);
@@ -263,7 +263,7 @@ int halvo_monitor_process_crash(halvo_child_proc_info_st* proc_info)
             mark_found(proc_info, pid);
             return 0;
         }
-        sleep(1);
+        sleep(1);  // after the last miss too, so a missing process costs every pass 3 seconds
     }
     if (recover(mark_lost(proc_info)) != 0) {
         halvo_log(LOG_ALERT, "Unable to start [%s]\n", copy_command(proc_info->start_cmd).data());

@@ -35,7 +35,7 @@ void halvo_delete_recur_fail_list(halvo_recur_fail_list_st* recur_fail_list)
     delete recur_fail_list;
 }
 
-// Without memory the spawn goes unrecorded: failing to start a process would be worse than missing a
+// When memory runs out, the spawn goes unrecorded: failing to start a process would be worse than missing a
 // recurring failure.
 static void append_recur_fail_node(halvo_recur_fail_list_st* recur_fail_list, time_t spawn_time)
 {
@@ -67,8 +67,8 @@ void halvo_insert_recur_fail_info(halvo_recur_fail_list_st*& recur_fail_list, co
     recur_fail_list->head->proc_spawn_time = spawn_time;
     recur_fail_list->head = recur_fail_list->head->next;
 
-    // Saved now, because the list may be deleted before the last line. A span is negative if the clock was
-    // set back, and is then no recurring failure.
+    // Saved now, because the list may be deleted before the last line. If the clock was set back, the span
+    // is negative and does not count as a recurring failure.
     const int count = static_cast<int>(recur_fail_list->node_count) + 1;
     const time_t span = spawn_time - recur_fail_list->head->proc_spawn_time;
     const auto seconds = static_cast<unsigned long>(span);

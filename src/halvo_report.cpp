@@ -122,7 +122,7 @@ static void display_commands(const halvo_child_proc_info_st& proc, char* msg_buf
         say(msg_buffer, "\tPost-start command: %s\n", proc.post_start_cmd);
     }
     if (halvo_has_command(proc.stop_cmd)) {
-        say(msg_buffer, "\tStop command: %s.\n", proc.stop_cmd);
+        say(msg_buffer, "\tStop command: %s.\n", proc.stop_cmd);  // operators' scripts expect the full stop
     }
 }
 
@@ -223,7 +223,7 @@ static void display_proc_status(const halvo_child_proc_info_st& proc, char* msg_
     if (proc.proc_state == ACTIVE) {
         display_proc_usage(proc, msg_buffer);
     }
-    // Found by its name, and never started from here.
+    // The process was found by its name and never started by the daemon.
     if (proc.spawn_count == 0) {
         say(msg_buffer, "\tProcess is spawned by system\n");
     }

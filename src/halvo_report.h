@@ -17,5 +17,6 @@ const char* halvo_proc_type_text(process_type_en proc_type);
 void halvo_display_config_details(char* msg_buffer);
 void halvo_display_status_info(char* msg_buffer);
 
-// Appends the spawn times of one process, oldest first. The caller holds the table lock.
+// Appends the spawn times of one process, oldest first; recur_fail_list may be null. msg_buffer as above.
+// Any thread, table lock held.
 void halvo_display_recur_fail_info(const halvo_recur_fail_list_st* recur_fail_list, char* msg_buffer);

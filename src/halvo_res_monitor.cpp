@@ -73,6 +73,7 @@ const char* skiptoken(const char* ptr)
     return skip_white(skip_not_white(skip_white(ptr)));
 }
 
+// Needs no test between the steps: each passes a null on.
 static const char* skiptokens(const char* ptr, int count)
 {
     for (int i = 0; i < count; ++i) {
@@ -162,8 +163,8 @@ int halvo_process_memory_usage(halvo_child_proc_info_st* proc_info)
     return 0;
 }
 
-// Stores a share in percent. A difference of counters that went back wraps around and gives a share far
-// above 100: the last snapshot was of another process. The field then keeps its value.
+// Stores a share in percent. If a counter went back, as after a snapshot of another process, the unsigned
+// difference wraps around and the share is far above 100. The field then keeps its value.
 static void store_percent(float* field, uint64_t ticks, float total)
 {
     const float percent = static_cast<float>(ticks * 100) / total;

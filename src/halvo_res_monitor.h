@@ -24,13 +24,13 @@ struct sys_cpu_usage_info_st {
     uint64_t z_time;  // steal
 };
 
-// The counters of one process; clock ticks.
+// The counters of one process; times are in clock ticks.
 struct proc_cpu_usage_info_st {
     char proc_name[PROC_NAME_SIZE];  // not used
-    int prio;
+    int prio;                        // not used
     uint64_t utime;
     uint64_t stime;
-    uint64_t start_time;
+    uint64_t start_time;  // since the boot; not used
 };
 
 // Fills total_memory, free_memory and used_memory (kB), with zeros when the file is empty. Returns 0, or -1
@@ -52,7 +52,8 @@ int halvo_system_cpu_usage(uint64_t* tot_cpu_usage_in_mon_intvl, halvo_vm_info_s
 int halvo_process_cpu_usage(uint64_t tot_cpu_usage_in_mon_intvl, halvo_child_proc_info_st* proc_info,
                             int index);
 
-// Token routines. White space is as isspace(3) defines it. A null argument gives a null result.
+// Token routines. White space is as isspace(3) defines it. Except in skip_ws(), a null argument gives a null
+// result. Any thread.
 void skip_ws(const char** p);                 // moves *p over white space
 const char* skip_white(const char* ptr);      // first other character; null at the end or at a "#"
 const char* skip_not_white(const char* ptr);  // white space after the token; null at the end

@@ -56,7 +56,7 @@ static void* halvo_signal_thread(void*)
     const sigset_t signals = table_signals();
     while (true) {
         const int signo = sigwaitinfo(&signals, nullptr);
-        // EINTR, when the thread was stopped and continued, as by a debugger.
+        // EINTR: the thread was stopped and continued, for example by a debugger. See signal(7).
         if (signo == -1) {
             continue;
         }

@@ -13,5 +13,5 @@ const char* file_basename(const char* path);
 // exec.
 void halvo_copy_text(char* field, size_t size, const char* text);
 
-// Returns true unless the command field holds INVALID_CMD.
+// Returns true unless the command field holds INVALID_CMD, which stands for a command that was never set.
 bool halvo_has_command(const char* command);

@@ -154,7 +154,7 @@ static int check_start(halvo_child_proc_info_st* fresh, char* ack_msg)
     return 0;
 }
 
-// start_cmd_filename has no check of its own: that of start_cmd has already read the file.
+// start_cmd_filename has no check of its own: the check of start_cmd has already read the file.
 static int check_nothing(halvo_child_proc_info_st*, char*)
 {
     return 0;
@@ -201,8 +201,8 @@ static void take_over_action(halvo_child_proc_info_st* running, const halvo_chil
         return;
     }
     running->action = fresh.action;
-    // The crash monitor skips a TERMINATED DAEMON, so the process that the new action is for would never be
-    // looked for.
+    // The crash monitor skips a TERMINATED DAEMON, so it would never look for the process that the new
+    // action is for.
     if (running->proc_state == TERMINATED && (fresh.action == PROC_RESTART || fresh.action == VM_FAILOVER)) {
         running->proc_state = UNKNOWN;
     }

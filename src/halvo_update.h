@@ -18,16 +18,18 @@
 int halvo_update_config(char* ack_msg);
 
 // The conditions that an update sets for the new configuration; halvo-check tests them too. Each function
-// returns 0, or -1 with its lines reported as above. The first compares vm_info_g with new_vm_info_g, the
-// others compare a running entry with the new one.
+// returns 0, or -1 with its lines reported as above. The first function compares vm_info_g with
+// new_vm_info_g; the others compare a running entry with the new one. Control thread, without the table
+// lock: only this thread writes the fields that they read.
 int halvo_compare_proc_num(char* ack_msg);
 int halvo_compare_identity(const halvo_child_proc_info_st& running, const halvo_child_proc_info_st& fresh,
                            char* ack_msg);
 int halvo_compare_recur_fail(const halvo_child_proc_info_st& running, const halvo_child_proc_info_st& fresh,
                              char* ack_msg);
 
-// A command field, the parameter that sets it, and the check that a changed command must pass. The rows
-// stand in the order in which an update takes the commands over.
+// A command field, the parameter that sets it, and the check that a changed command must pass. The check
+// returns 0, or -1 with its lines reported as above. The rows stand in the order in which an update takes
+// the commands over.
 struct halvo_command_check_st {
     const char* param_name;
     char (halvo_child_proc_info_st::*field)[CMD_SIZE];

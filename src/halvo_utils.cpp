@@ -43,10 +43,12 @@ int halvo_read_clock(time_t* now)
 void halvo_be_punctual()
 {
     const sched_param priority = {.sched_priority = 1};
+    // On Linux, 0 means the calling thread, not the whole process. See sched_setscheduler(2).
     sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &priority);
 }
 
-// Handles a line with the keyword "global". An unknown parameter is reported and ignored.
+// Handles a line with the keyword "global". An unknown parameter is reported and ignored, so that one slip
+// in the VM's settings does not stop the daemon.
 static void verify_vm_param(const char* param_name, const char* param_value, halvo_vm_info_st* vm_info,
                             const int* line_num)
 {

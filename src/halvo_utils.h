@@ -27,8 +27,8 @@ int halvo_verify_conf_param(const char* keyword, const char* param_name, const c
 int halvo_read_confile(halvo_vm_info_st* vm_info, halvo_child_proc_info_st* proc_table,
                        decltype(halvo_verify_conf_param)* verify_line = halvo_verify_conf_param);
 
-// Opens a file for reading, close-on-exec, or returns null with errno. Never waits for a FIFO's writer, who
-// may never come: such a FIFO reads as empty. See open(2). Any thread.
+// Opens a file for reading, close-on-exec, or returns null with errno. Never waits for a FIFO's writer,
+// which may never come: such a FIFO reads as empty. See open(2). Any thread.
 using halvo_file = std::unique_ptr<FILE, int (*)(FILE*)>;
 halvo_file halvo_open_file(const char* path);
 
@@ -38,5 +38,5 @@ int halvo_read_clock(time_t* now);
 
 // Gives the calling thread the lowest real-time priority, if the daemon has the right to it, see sched(7).
 // For the watchdog and heartbeat threads: a late keepalive would take a healthy VM down. The processes that
-// the thread forks do not inherit the priority.
+// the thread forks do not inherit the priority. A failure is ignored: it only makes delays more likely.
 void halvo_be_punctual();

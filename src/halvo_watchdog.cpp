@@ -21,8 +21,8 @@ static unsigned arm_count;  // how often the device was armed; a change ends the
 // The outcome of disarming, to be logged after the device lock is released.
 enum class disarm_result { NOT_OPEN, DISARMED, WRITE_FAILED };
 
-// Called with the device lock held; keeps the write's errno. Without the "V" the driver stays armed after a
-// close.
+// Called with the device lock held; keeps the write's errno. Without the "V" the device stays armed after
+// the close.
 static disarm_result disarm_and_close(halvo_vm_info_st* vm_info)
 {
     if (vm_info->wd_dev_fd == -1) {
@@ -77,13 +77,14 @@ static int halvo_open_watchdog_dev(halvo_vm_info_st* vm_info)
     return 0;
 }
 
+// Holds the lock for one call only, so that nothing is logged under it.
 static int request_device(const halvo_vm_info_st* vm_info, unsigned long request, int* value)
 {
     const std::lock_guard guard(device_lock);
     return ioctl(vm_info->wd_dev_fd, request, value);
 }
 
-// Sets the timeout and reads it back, because a driver may round it.
+// Sets the timeout and reads it back, because a driver may round it. Returns 0, or -1 with a message.
 static int program_timeout(const halvo_vm_info_st* vm_info)
 {
     const int wanted = halvo_load(vm_info->wd_timeout);
@@ -115,7 +116,7 @@ static int arm_device(halvo_vm_info_st* vm_info)
         halvo_close_watchdog_dev(vm_info);
         return -1;
     }
-    // The countdown runs, and the thread may not tickle before this.
+    // The countdown is already running, and the thread sends no keepalive before this.
     halvo_store(vm_info->wd_tick_flag, 1);
     halvo_store(arm_count, arm_count + 1);
     return 0;
@@ -190,7 +191,8 @@ static int halvo_tickle_watchdog(halvo_vm_info_st* vm_info)
     return 0;
 }
 
-// Sleeps in one-second steps and returns early if the device was re-armed, whose timeout may be shorter.
+// Sleeps in one-second steps and returns early if the device was re-armed, because the new timeout may be
+// shorter than the rest of this sleep.
 static void sleep_until_next_tick(int seconds, unsigned seen_arm_count)
 {
     for (int slept = 0; slept < seconds && halvo_load(arm_count) == seen_arm_count; ++slept) {

@@ -9,9 +9,9 @@
 #include "halvo_pid_lookup.h"
 #include "halvo_watchdog.h"
 
-// Kills a process that is not our child, so its pid may have been reused: the name is checked first.
-// Between the check and the kill are microseconds, in which the kernel would have to hand out all other
-// pids for the kill to hit a stranger. Not pidfd_open(2), which older kernels and seccomp filters refuse.
+// Kills a process that is not our child. Its pid may have been reused, so the name is checked first. For the
+// kill to hit a stranger, the kernel would have to hand out every other pid in the microseconds after the
+// check. Not pidfd_open(2), which older kernels and seccomp filters refuse.
 static int kill_by_name(pid_t pid, const char* proc_name)
 {
     if (halvo_confirm_held_pid(proc_name, pid) == -1) {
@@ -33,6 +33,7 @@ static int kill_process(const halvo_child_proc_info_st* proc_info)
                                           : kill_by_name(proc_info->pid, proc_info->proc_name);
 }
 
+// Only kills the process: the loss is noticed like any other and leads to the restart.
 static int restart_process(const halvo_child_proc_info_st* proc_info)
 {
     if (proc_info == nullptr) {
@@ -93,7 +94,8 @@ int halvo_take_watermarK_recovery_action(int action, halvo_child_proc_info_st* p
     }
 }
 
-// Compare a CPU usage as a float and a memory usage as an integer. A limit of 0 is not set.
+// A limit is compared in the type of its usage: float for CPU, an integer for memory. A limit of 0 is not
+// set.
 template <typename Usage>
 static bool is_above(Usage usage, auto limit)
 {
