@@ -1,10 +1,12 @@
 // halvo-check: finds the faults of a configuration file before the daemon does, and warns of lines that are
 // valid but rarely intended.
 //
-// The file goes through the daemon's own reader and checks, so that the two never disagree. Their log lines
-// go to standard error, one message per line, in the form "FILE:LINE: error: TEXT" that editors and
-// compilers know. new_vm_info_g and new_child_proc_table_g hold the checked file. With --against, vm_info_g
-// and child_proc_table_g hold the file that the daemon runs with. Single-threaded.
+// The file goes through the daemon's own reader and checks, so that halvo-check never disagrees with the
+// daemon. The messages of both go to standard error, one per line, in the form "FILE:LINE: error: TEXT" that
+// editors and compilers know.
+//
+// new_vm_info_g and new_child_proc_table_g hold the checked file. With --against, vm_info_g and
+// child_proc_table_g hold the file that the daemon runs with. Single-threaded.
 
 #include <getopt.h>
 #include <syslog.h>
@@ -36,16 +38,17 @@
 static constexpr int VM_SECTION = -1;  // the other sections have the numbers of the table's entries
 static constexpr size_t KERNEL_NAME_LENGTH = 15;  // characters; TASK_COMM_LEN without the terminator
 
-static int check_line;     // the line of a message that names none itself; 0: no line
+static int check_line;     // printed with a message that does not name its line itself; 0: no line
 static bool check_silent;  // messages are neither printed nor counted
-static bool errors_only;   // neither are warnings
+static bool errors_only;   // warnings are neither printed nor counted
 static int exit_status;    // 0 clean, 1 warnings, 2 errors
 
-// The line that set each parameter last, by section and name. The name "" stands for the line that opened
+// The line that last set each parameter, by section and name. The name "" stands for the line that opened
 // the section.
-static std::map<std::pair<int, std::string>, int> lines;
+static std::map<std::pair<int, std::string>, int> param_lines;
 
-// The log's sink: prints a line that the daemon would log as a warning or worse.
+// The log's sink: prints a line that the daemon would log as a warning or worse. A lower priority is news of
+// the daemon's work, which says nothing about the file.
 static void print_line(pid_t, int priority, const char* line)
 {
     if (priority > (errors_only ? LOG_ERR : LOG_WARNING) || check_silent) {
@@ -71,14 +74,16 @@ static void print_line(pid_t, int priority, const char* line)
     exit_status = std::max(exit_status, warns ? 1 : 2);
 }
 
-// Returns the line of a parameter, or of its section if the file does not set it, or 0.
+// Returns the line that sets the parameter. If no line does, returns the line that opens its section, or 0
+// for a parameter of the VM.
 static int line_of(int section, const char* param_name)
 {
-    const auto found = lines.find({section, param_name});
-    return found == lines.end() ? lines[{section, ""}] : found->second;
+    const auto found = param_lines.find({section, param_name});
+    return found == param_lines.end() ? param_lines[{section, ""}] : found->second;
 }
 
-// Warns at the parameter's line if the condition holds.
+// Warns at the parameter's line if the condition holds. The condition is an argument, so that each piece of
+// advice is one statement.
 [[gnu::format(printf, 4, 5)]] static void advise(bool condition, int section, const char* param_name,
                                                  const char* format, ...)
 {
@@ -92,16 +97,19 @@ static int line_of(int section, const char* param_name)
     va_end(args);
 }
 
+// Notes the line of a setting that the daemon accepts, and warns if the setting is probably not the intended
+// one.
 static void note_param(int section, std::span<const halvo_config_param_st> rows, const char* param_name,
                        const char* param_value, int line)
 {
+    // The reader accepts an unknown parameter of the VM: its -1 becomes an index beyond the table.
     const auto row = static_cast<size_t>(halvo_find_param(rows, param_name));
     // The last setting counts, so the warning names the line that has no effect.
-    const int noted = std::exchange(lines[{section, param_name}], line);
+    const int noted = std::exchange(param_lines[{section, param_name}], line);
     advise(noted != 0, section, param_name, "%s is set twice: this line counts, line %d does not; remove one",
            param_name, noted);
     if (row < rows.size() && rows[row].param_type == PARAM_NUMBER) {
-        // The reader stops at the first other character and cuts the number to 32 bits.
+        // The reader stops at the first character that is not a digit, and cuts the number to 32 bits.
         char* end = nullptr;
         const long number = strtol(param_value, &end, 10);
         advise(*end != '\0' || number > UINT32_MAX || number < INT32_MIN, section, param_name,
@@ -120,7 +128,7 @@ static int verify_and_note(const char* keyword, const char* param_name, const ch
         halvo_verify_conf_param(keyword, param_name, param_value, proc_name, vm_info, proc_table, line_num);
     // A new entry can only come from the line that opened its section.
     if (vm_info->mon_proc_num != entries) {
-        lines[{entries, ""}] = *line_num;
+        param_lines[{entries, ""}] = *line_num;
     } else if (result == 0 && strcmp(keyword, "global") == 0) {
         note_param(VM_SECTION, vm_conf_param_dfl_g, param_name, param_value, *line_num);
     } else if (result == 0) {
@@ -129,22 +137,25 @@ static int verify_and_note(const char* keyword, const char* param_name, const ch
     return result;
 }
 
-// acts: a crossing carries out the action, instead of only a line in the log.
+// Limits are in kB or percent. With `acts`, a usage below the low limit carries out the process's action;
+// without it, as for the VM, such a usage is only logged.
 static void advise_on_limits(int section, const char* low_name, int64_t low, int64_t high, bool acts = false)
 {
-    advise(acts && low != 0, section, low_name, "a usage below %s triggers the action too; set it to 0",
-           low_name);
+    advise(acts && low != 0, section, low_name,
+           "a usage below %s triggers the action too; set this limit to 0", low_name);
     advise(high != 0 && low > high, section, low_name,
-           "%s [%ld] is above the high limit [%ld]: one of them is always crossed; lower it", low_name, low,
-           high);
+           "%s [%ld] is above the high limit [%ld], so one of the two is always crossed; lower %s", low_name,
+           low, high, low_name);
 }
 
 static void advise_on_vm(const halvo_vm_info_st& vm)
 {
-    // Less than two seconds of slack: a busy host may delay a keepalive by one.
+    // The delay of a keepalive, in seconds, that takes the VM down. One second is too little, since a busy
+    // host may cause it. A whole interval is the rule of halvo.conf(5): the timeout is then at least two
+    // intervals.
     const int slack = vm.wd_timeout - vm.wd_tick_intvl;
     // The advice names the line that the operator wrote; either value can be the wrong one.
-    const bool tick_set = lines.contains({VM_SECTION, "wd_tick_interval"});
+    const bool tick_set = param_lines.contains({VM_SECTION, "wd_tick_interval"});
     const char* at_line = tick_set ? "wd_tick_interval" : "wd_timeout";
     const char* remedy = tick_set ? "lower wd_tick_interval" : "raise wd_timeout";
     advise(slack < 1, VM_SECTION, at_line,
@@ -158,7 +169,7 @@ static void advise_on_vm(const halvo_vm_info_st& vm)
     advise_on_limits(VM_SECTION, "vm_cpu_total_low_water", vm.cpu_tot_low_water, vm.cpu_tot_high_water);
 }
 
-// by_command: the start command makes it a SYSTEM process, whatever its type says.
+// With `by_command`, the start command makes the entry a SYSTEM process, whatever its process_type says.
 static void advise_on_type(int entry, const halvo_child_proc_info_st& proc, bool by_command)
 {
     const char* name = proc.proc_name;
@@ -170,9 +181,9 @@ static void advise_on_type(int entry, const halvo_child_proc_info_st& proc, bool
            restart ? "started like a DAEMON; set process_type DAEMON"
                    : "never started; set start_cmd \"SYSTEM\" or another type");
     advise(!by_command && proc.proc_type == DAEMON && !restart, entry, "process_type",
-           "DAEMON '%s' is only started with action PROC_RESTART", name);
+           "DAEMON '%s' is started only if its action is PROC_RESTART", name);
     advise((by_command || proc.proc_type != NORMAL) && strlen(name) > KERNEL_NAME_LENGTH, entry, "",
-           "'%s' is never found by its name, of which the kernel keeps %zu characters; shorten it", name,
+           "'%s' is never found: the kernel keeps only %zu characters of a name; shorten the name", name,
            KERNEL_NAME_LENGTH);
 }
 
@@ -204,13 +215,13 @@ static void advise_on_action(int entry, const halvo_child_proc_info_st& proc)
 }
 
 // Runs the checks of all commands, where an update stops at the first faulty one. Works on a copy of the
-// entry, because the checks change it. Returns true when the start command makes it a SYSTEM process.
+// entry, because the checks change it. Returns true when the start command makes the entry a SYSTEM process.
 static bool check_commands(int entry, halvo_child_proc_info_st proc)
 {
     // Cleared, so that SYSTEM afterwards can only come from the start command.
     proc.proc_type = process_type_en{};
     for (const halvo_command_check_st& command : halvo_command_checks_g) {
-        // The check's messages name no line, so they get that of the parameter.
+        // The check's messages name no line, so they get the parameter's line.
         check_line = line_of(entry, command.param_name);
         if (halvo_has_command(proc.*command.field)) {
             command.check(&proc, nullptr);
@@ -219,7 +230,8 @@ static bool check_commands(int entry, halvo_child_proc_info_st proc)
     return proc.proc_type == SYSTEM;
 }
 
-// The second of two sections that can be taken for one another.
+// Warns of a section that can be taken for another one, by the reader or by the daemon's look-up of
+// processes.
 static void advise_on_names(int entry, const halvo_child_proc_info_st& proc)
 {
     for (int i = 0; i < new_vm_info_g.mon_proc_num; ++i) {
@@ -229,20 +241,22 @@ static void advise_on_names(int entry, const halvo_child_proc_info_st& proc)
             i < entry && same, entry, "",
             "two sections are named '%s': the lines after this one belong to it, not to line %d; rename one",
             proc.proc_name, line_of(i, ""));
-        // A process found by name counts as running while its pid belongs to one whose name contains its own.
+        // A process that is found by name counts as running while its pid belongs to any process whose name
+        // contains the configured name.
         advise(!same && proc.proc_type != NORMAL && strstr(other.proc_name, proc.proc_name) != nullptr, entry,
                "",
-               "'%s' is part of the name '%s': its loss is missed when the other process gets its pid; "
+               "'%s' is part of the name '%s': the loss of '%s' is missed if the other process gets its pid; "
                "rename one",
-               proc.proc_name, other.proc_name);
+               proc.proc_name, other.proc_name, proc.proc_name);
     }
 }
 
 static void advise_on_report(const char* option, void (*display)(char*), const char* remedy)
 {
+    // A report has no line in the file, so the warning is given without one.
     const halvo_report_size_st size = halvo_measure_report(new_vm_info_g, new_child_proc_table_g, display);
     advise(size.lines_left_out > 0, VM_SECTION, "",
-           "halvo %s shows %zu characters of up to %zu: it leaves %d lines out; %s", option,
+           "halvo %s shows %zu of up to %zu characters, so it leaves out %d lines; %s", option,
            MSG_BUFFER_SIZE - 1, size.length, size.lines_left_out, remedy);
 }
 
@@ -255,17 +269,19 @@ static int read_running(const char* path)
     const char* config_file = std::exchange(halvo_config_file_g, path);
     check_silent = true;
     const int result = halvo_read_confile(&vm_info_g, child_proc_table_g);
+    // Resolves the keywords of the start commands, which can change an entry's type, as at start-up.
     for (int i = 0; i < vm_info_g.mon_proc_num; ++i) {
         halvo_check_file_exists(&child_proc_table_g[i]);
     }
     check_silent = false;
     if (result != 0) {
-        halvo_log(LOG_ERR, "no daemon can have read this file; check it by itself\n");
+        halvo_log(LOG_ERR, "no daemon can have started with this file; check it on its own\n");
     }
     halvo_config_file_g = config_file;
     return result;
 }
 
+// Lists the settings of the VM that a live update would not put into force, or that would endanger the VM.
 static void compare_vm(const halvo_vm_info_st& running, const halvo_vm_info_st& fresh)
 {
     // A device that stays open keeps its timeout: only arming it again programs a new one.
@@ -292,7 +308,7 @@ static void compare_process(int entry, const halvo_child_proc_info_st& running,
     const bool same_name = strcmp(running.proc_name, fresh.proc_name) == 0;
     check_line = line_of(entry, same_name ? "process_type" : "");
     halvo_compare_identity(running, fresh, nullptr);
-    // Under another name it is another process; a comparison of the rest would say nothing.
+    // Under another name it is another process, and a comparison of the rest would say nothing.
     if (!same_name) {
         return;
     }
@@ -338,6 +354,7 @@ int main(int argc, char** argv)
                                                        {}}};
     const char* running_file = nullptr;
     int letter = 0;
+    // The loop ends at --help, --version or a wrong option too: nothing after one of these counts.
     while ((letter = getopt_long(argc, argv, "h", options.data(), nullptr)) == 'a' || letter == 'e') {
         running_file = letter == 'a' ? optarg : running_file;
         errors_only = errors_only || letter == 'e';

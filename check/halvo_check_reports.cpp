@@ -18,11 +18,13 @@ static constexpr size_t MAX_LINE_LENGTH = 1023;  // the rest of a report's line 
 
 static halvo_report_size_st measured;
 
+// The sink while the tables are filled: the messages of those checks have been printed before.
 static void ignore_line(pid_t, int, const char*)
 {
 }
 
-// A report without a buffer is logged, and each line that does not fit into one raises an alert.
+// A report without a buffer is logged line by line, which gives its length. A report into a buffer raises an
+// alert for each line that does not fit, which gives the number of lines left out.
 static void measure_line(pid_t, int priority, const char* line)
 {
     if (priority == LOG_INFO) {
@@ -32,6 +34,7 @@ static void measure_line(pid_t, int priority, const char* line)
     }
 }
 
+// Gives each field of the report its widest value.
 static void fill_process(halvo_child_proc_info_st* proc)
 {
     halvo_check_file_exists(proc);  // for the command of a START_CMD_FILE
@@ -44,6 +47,7 @@ static void fill_process(halvo_child_proc_info_st* proc)
     proc->kbytes_used = UINT32_MAX;
     proc->max_kbytes_used = UINT32_MAX;
     if (halvo_counts_recur_fail(proc)) {
+        // No more spawns than fill the list: a further one could count as a recurring failure.
         proc->recur_fail_list = halvo_create_recur_fail_list();
         for (int spawn = 0; spawn < proc->recur_fail_restart_cnt; ++spawn) {
             halvo_insert_recur_fail_info(proc->recur_fail_list, proc->proc_name, proc->recur_fail_intvl,
