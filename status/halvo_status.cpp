@@ -1,8 +1,9 @@
-// halvo-status: the command line, one look or many, and where they go.
+// halvo-status: reads the command line, looks at the daemon once or again and again, and writes out each
+// look.
 //
 // The exit status is the verdict in every form, so that a script can ignore the text. A wrong command line
 // and an output that cannot be written end with 3: a monitoring system must not read either as a verdict on
-// the daemon.
+// the daemon. Single-threaded.
 
 #include <getopt.h>
 #include <unistd.h>
@@ -19,7 +20,7 @@
 
 static constexpr auto REDRAW = std::chrono::seconds(2);
 static constexpr auto ASK_AGAIN = std::chrono::milliseconds(50);  // while waiting for a start
-static constexpr double LONGEST_TIME = 1000000;                   // seconds; far from the clock's overflow
+static constexpr double LONGEST_TIME = 1000000;                   // the clock can hold 9e9 seconds
 
 enum option_en : int { SCREEN, CHECK, JSON, PROMETHEUS, WATCH, OUTPUT, ALLOW, TIMEOUT, WAIT, HELP, VERSION };
 
@@ -54,16 +55,16 @@ static void print_help(FILE* stream)
         " --check        one line of a monitoring plugin\n"
         " --json         one object of JSON\n"
         " --prometheus   metrics\n"
-        " --watch        the screen again every 2 seconds until Ctrl-C\n"
-        " --output FILE  into a new file, renamed to FILE when it is whole\n"
+        " --watch        draw the screen every 2 seconds until Ctrl-C\n"
+        " --output FILE  write to a new file, renamed to FILE when it is complete\n"
         " --allow CODES  count these problems as OK\n"
-        " --timeout S    seconds that a look may take, 5 unless told otherwise\n"
+        " --timeout S    wait at most S seconds for an answer, 5 by default\n"
         " --wait S       return when halvo answers and has started every NORMAL process, or after S seconds\n"
         "Exit status: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN or wrong usage\n",
         stream);
 }
 
-// Ends the program with a message and the usage.
+// Ends the program with a message, the usage and status 3.
 [[noreturn]] static void refuse(const std::string& why)
 {
     fprintf(stderr, "halvo-status: %s\n", why.c_str());
@@ -71,7 +72,8 @@ static void print_help(FILE* stream)
     exit(STATUS_UNKNOWN);
 }
 
-// Returns seconds, a fraction allowed. strtod(3) also takes "inf" and "nan", with which no clock can count.
+// Returns the text's number of seconds, which may have a fraction. strtod(3) also takes "inf" and "nan",
+// with which no clock can count.
 static double to_seconds(const char* name, const char* text)
 {
     char* end = nullptr;
@@ -83,19 +85,20 @@ static double to_seconds(const char* name, const char* text)
     return seconds;
 }
 
-// An empty code is no code: "replaced," is a slip that is better told than guessed at.
+// Adds the codes of a list with commas between. An empty code is refused like an unknown one: a list such as
+// "replaced," may lack the code that the operator meant.
 static void allow(const std::string& list, std::vector<std::string>* allowed)
 {
     for (size_t start = 0, comma = 0; comma != std::string::npos; start = comma + 1) {
         comma = list.find(',', start);
         allowed->push_back(list.substr(start, comma - start));
         if (!status_is_code(allowed->back())) {
-            refuse("no problem that can be allowed has the code '" + allowed->back() + "'");
+            refuse("'" + allowed->back() + "' is not the code of a problem that can be allowed");
         }
     }
 }
 
-// The same form twice is no contradiction.
+// Naming the same form twice is harmless; two different forms contradict each other.
 static void set_form(command_st* command, option_en form)
 {
     if (command->form != SCREEN && command->form != form) {
@@ -136,7 +139,7 @@ static void take_option(int option, command_st* command)
     }
 }
 
-// Checks the combinations after all options are read: their order does not matter.
+// Checks the combinations only after all options are read, so that their order does not matter.
 static command_st parse_options(int argc, char** argv)
 {
     command_st command;
@@ -144,13 +147,13 @@ static command_st parse_options(int argc, char** argv)
         take_option(option, &command);
     }
     if (optind < argc) {
-        refuse(std::string("'") + argv[optind] + "' is no option");
+        refuse(std::string("'") + argv[optind] + "' is not an option");
     }
     if (command.form == WATCH && !command.output.empty()) {
         refuse("--watch draws on a terminal and takes no --output");
     }
     if (command.wait > 0 && (command.form != SCREEN || !command.output.empty())) {
-        refuse("--wait shows nothing and takes no form and no --output");
+        refuse("--wait shows nothing, so it takes neither a form nor --output");
     }
     return command;
 }
@@ -160,7 +163,7 @@ static status_clock::duration to_duration(double seconds)
     return std::chrono::duration_cast<status_clock::duration>(std::chrono::duration<double>(seconds));
 }
 
-// --watch draws its own screens and never comes here.
+// The text of one look in the form asked for. --watch draws its own screens and never comes here.
 static std::string make_text(const command_st& command, const status_look_st& look)
 {
     switch (command.form) {
@@ -176,6 +179,7 @@ static std::string make_text(const command_st& command, const status_look_st& lo
     }
 }
 
+// Returns the exit status: the verdict, or 3 when the text could not be written.
 static int show(const command_st& command)
 {
     const status_look_st look = status_take_look(to_duration(command.timeout), command.allowed);
@@ -184,7 +188,7 @@ static int show(const command_st& command)
     return result == 0 ? look.status : STATUS_UNKNOWN;
 }
 
-// Ends by a signal only, see status_take_output(), or when the output is gone.
+// Goes on until a signal ends the program, see status_take_output(). Returns only when the output is gone.
 static int watch(const command_st& command)
 {
     const status_style_st style = status_find_style();
@@ -200,8 +204,8 @@ static int watch(const command_st& command)
     }
 }
 
-// Asks again and again: the daemon announces its start to no other program. A look gets the rest of the time
-// at most, so that a daemon that hangs cannot stretch the wait.
+// Asks again and again, because the daemon announces its start to no other program. A look gets at most the
+// rest of the time, so that a daemon that hangs cannot stretch the wait.
 static int wait_for_start(const command_st& command)
 {
     const auto deadline = status_clock::now() + to_duration(command.wait);
@@ -212,6 +216,7 @@ static int wait_for_start(const command_st& command)
         if (status_has_started(look)) {
             return STATUS_OK;
         }
+        // Printed if this look turns out to be the last one.
         reason = look.exchange.answer == status_answer::WHOLE
                      ? "halvo has not started every NORMAL process in time"
                      : look.exchange.reason;

@@ -10,8 +10,9 @@
 
 static_assert(STATUS_REPORT_SIZE == MSG_BUFFER_SIZE);
 
-// Limits the next call on the socket, SO_SNDTIMEO or SO_RCVTIMEO, to the time until the deadline. Returns -1
-// when no time is left: the kernel would take a zero for no limit.
+// Limits the next call on the socket to the time until the deadline. `option` is SO_SNDTIMEO or SO_RCVTIMEO,
+// see socket(7). Returns 0, or -1 with errno. Without any time left the errno is that of a time-out: the
+// kernel would take a limit of zero for no limit.
 static int limit_call(int fd, int option, status_clock::time_point deadline)
 {
     const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - status_clock::now());
@@ -25,7 +26,7 @@ static int limit_call(int fd, int option, status_clock::time_point deadline)
     return setsockopt(fd, SOL_SOCKET, option, &limit, sizeof(limit));
 }
 
-// Stores why there is no answer. Returns false, for the caller to pass on.
+// Stores the kind of failure and the reason for it. Always returns false, which the caller returns in turn.
 static bool refuse(status_exchange_st* exchange, status_answer answer, const std::string& reason)
 {
     exchange->answer = answer;
@@ -33,7 +34,8 @@ static bool refuse(status_exchange_st* exchange, status_answer answer, const std
     return false;
 }
 
-// The same by errno, with `otherwise` for an error that has no meaning of its own.
+// Like refuse(), with the kind and the reason taken from errno. `otherwise` is the kind of an error that is
+// neither a time-out nor a missing permission.
 static bool refuse_by_errno(status_exchange_st* exchange, status_answer otherwise)
 {
     const int error = errno;
@@ -49,8 +51,9 @@ static bool refuse_by_errno(status_exchange_st* exchange, status_answer otherwis
                : refuse(exchange, otherwise, std::string("the daemon did not answer: ") + strerror(error));
 }
 
-// The socket lies where every user can create files: a stranger's server must not answer for the daemon. The
-// kernel keeps the user and the pid of the process that called listen(2), which no server can forge.
+// Refuses a server of another user, unless that user is root, and stores the server's pid. The socket lies
+// where every user can create files, so a stranger's server must not answer for the daemon. The kernel
+// recorded the user and the pid at listen(2), see SO_PEERCRED in unix(7): no server can forge them.
 static bool check_peer(int fd, status_exchange_st* exchange)
 {
     ucred peer{};
@@ -66,8 +69,9 @@ static bool check_peer(int fd, status_exchange_st* exchange)
     return true;
 }
 
-// A stopped daemon accepts no connection, but its queue does, and connect(2) waits when that is full: hence
-// the limit. After a signal the call is made again with the time that is left.
+// The kernel queues the connections that a stopped daemon does not accept. Once that queue is full,
+// connect(2) waits, so it gets a limit: SO_SNDTIMEO holds for it too, see socket(7). If a signal interrupts
+// the call, it is repeated with the time that is left.
 static bool connect_to_daemon(int fd, status_clock::time_point deadline, status_exchange_st* exchange)
 {
     const sockaddr_un address = halvo_socket_address();
@@ -80,8 +84,8 @@ static bool connect_to_daemon(int fd, status_clock::time_point deadline, status_
     return result == 0 ? check_peer(fd, exchange) : refuse_by_errno(exchange, status_answer::NO_DAEMON);
 }
 
-// Only a whole record is an answer. The limit is set before each piece: a server that sends a byte now and
-// then would otherwise never time out.
+// Only a whole record is an answer. The limit is set again for each piece, because a server that sends a byte
+// now and then would otherwise never time out.
 static bool receive_record(int fd, status_clock::time_point deadline, halvo_ctrl_handler_st* record,
                            status_exchange_st* exchange)
 {
@@ -112,7 +116,8 @@ static bool exchange_record(int fd, ctrl_handler_msg_type_en type, status_clock:
     if (!connect_to_daemon(fd, deadline, exchange)) {
         return false;
     }
-    // The record fits in any socket's buffer: it is sent at once and whole.
+    // The record fits into a socket's buffer, so it is sent whole, or not at all. The limit that connect(2)
+    // was given still holds. MSG_NOSIGNAL: a daemon that is gone must not end this program with SIGPIPE.
     if (send(fd, &record, sizeof(record), MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof(record))) {
         return refuse_by_errno(exchange, status_answer::NO_ANSWER);
     }
@@ -121,15 +126,15 @@ static bool exchange_record(int fd, ctrl_handler_msg_type_en type, status_clock:
     }
     const char* buffer = record.message.get_info.msg_buffer;
     const size_t length = strnlen(buffer, MSG_BUFFER_SIZE);
-    // A text without its terminator is no text of the daemon's, which always leaves room for one.
+    // The daemon always leaves room for the terminator, so a text without one is not the daemon's.
     if (record.msg_type != type || length == MSG_BUFFER_SIZE) {
-        return refuse(exchange, status_answer::NO_ANSWER, "the daemon's answer is no report");
+        return refuse(exchange, status_answer::NO_ANSWER, "the daemon's answer is not a report");
     }
     text->assign(buffer, length);
     return true;
 }
 
-// A connection of its own for each request: the daemon closes it after one answer.
+// Each request has a connection of its own, because the daemon closes the connection after one answer.
 static bool request(ctrl_handler_msg_type_en type, status_clock::time_point deadline,
                     status_exchange_st* exchange, std::string* text)
 {
@@ -142,14 +147,15 @@ static bool request(ctrl_handler_msg_type_en type, status_clock::time_point dead
     return answered;
 }
 
-// The status first: without it the configuration says little.
+// The status comes first: without it the configuration says little.
 void status_ask(status_clock::time_point deadline, status_exchange_st* exchange)
 {
     if (request(GET_ALL_STATUS, deadline, exchange, &exchange->status) &&
         request(GET_ALL_CONFIG, deadline, exchange, &exchange->config)) {
         exchange->answer = status_answer::WHOLE;
     } else if (exchange->answer != status_answer::NO_ANSWER) {
-        // The daemon ended between the two requests: its first answer describes a daemon that is gone.
+        // Nobody listens any longer, or another user does. A first answer that did come describes a daemon
+        // that is gone.
         exchange->pid = 0;
         exchange->status.clear();
     }

@@ -1,5 +1,5 @@
-// The object of --json. Each key is written on every path, with null for an unknown figure: a reader can tell
-// "not known" from "not supported by this version".
+// The object of --json. Each key is written on every path, with null for an unknown figure, so that a reader
+// can tell "not known" from "not supported by this version".
 
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -9,7 +9,8 @@
 
 using writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
-// An empty text is one that is not known.
+// Writes a text, or null for an empty one, which stands for a text that is not known. JSON must be valid
+// UTF-8; a name from the configuration need not be.
 static void put_text(writer* json, const char* key, const std::string& text)
 {
     const std::string valid = status_to_utf8(text);
@@ -17,14 +18,15 @@ static void put_text(writer* json, const char* key, const std::string& text)
     valid.empty() ? json->Null() : json->String(valid.data(), static_cast<rapidjson::SizeType>(valid.size()));
 }
 
-// A figure in a unit that is `factor` times the written one: kB become bytes.
+// Writes a figure multiplied by `factor`: 1024 turns kB into bytes.
 static void put_number(writer* json, const char* key, const status_figure& figure, int64_t factor = 1)
 {
     json->Key(key);
     figure.has_value() ? json->Int64(*figure * factor) : json->Null();
 }
 
-// A figure in tenths of a percent. As a text of fixed decimals: a double would bring its own printer along.
+// Writes a figure, in tenths of a percent, as a ratio. It is passed as a text with fixed decimals, because
+// the writer's own code for a double would make the executable larger.
 static void put_ratio(writer* json, const char* key, const status_figure& figure)
 {
     const std::string ratio = status_show_ratio(figure.value_or(0));
@@ -32,7 +34,7 @@ static void put_ratio(writer* json, const char* key, const status_figure& figure
     figure.has_value() ? json->RawValue(ratio.data(), ratio.size(), rapidjson::kNumberType) : json->Null();
 }
 
-// A figure that is 1 where the statement is true.
+// Writes true for a figure of 1, and false for 0.
 static void put_truth(writer* json, const char* key, const status_figure& figure)
 {
     json->Key(key);
@@ -45,7 +47,7 @@ static void open_object(writer* json, const char* key)
     json->StartObject();
 }
 
-// The daemon's own zero is a limit that is not set.
+// The daemon reports a limit that is not set as 0, which becomes an unknown figure here.
 static status_figure if_set(const status_figure& limit)
 {
     return limit.value_or(0) > 0 ? limit : std::nullopt;
@@ -149,7 +151,7 @@ std::string status_make_json(const status_look_st& look)
     rapidjson::StringBuffer buffer;
     writer json(buffer);
     json.StartObject();
-    put_number(&json, "schema", 1);
+    put_number(&json, "schema", 1);  // raised when the meaning of a field changes; a new field leaves it
     put_text(&json, "status", status_severity_word(look.status));
     put_number(&json, "code", look.status);
     put_problems(&json, look);

@@ -14,8 +14,8 @@
 #include <memory>
 
 static constexpr std::string_view DEVICE = "/dev/watchdog";  // "/dev/watchdog0" is the same device
-static constexpr std::string_view REPLACED =
-    " (deleted)";                                          // what the kernel writes after a path that is gone
+// The kernel writes this after the path of a file that was removed or replaced, see proc(5).
+static constexpr std::string_view REPLACED = " (deleted)";
 static constexpr const char* HEARTBEAT_PROCESS = "lunet";  // without it the daemon sends no heartbeat
 
 using directory = std::unique_ptr<DIR, int (*)(DIR*)>;
@@ -25,7 +25,8 @@ static directory open_directory(const std::string& path)
     return {opendir(path.c_str()), closedir};
 }
 
-// The first 4096 bytes of a file of the kernel's, which gives them at once; empty when it cannot be read.
+// Returns the first 4096 bytes of a file in /proc or /sys, or an empty text when the file cannot be read.
+// One read(2) is enough, because the kernel fills the buffer as far as the file goes.
 static std::string read_file(const std::string& path)
 {
     std::array<char, 4096> buffer;
@@ -38,7 +39,7 @@ static std::string read_file(const std::string& path)
     return length > 0 ? std::string(buffer.data(), static_cast<size_t>(length)) : "";
 }
 
-// The number that a text begins with; unknown when it begins with none.
+// Returns the number that a text begins with, or an unknown figure when the text begins with something else.
 static status_figure to_number(std::string_view text)
 {
     int64_t value = 0;
@@ -46,7 +47,7 @@ static status_figure to_number(std::string_view text)
     return result.ec == std::errc() ? status_figure(value) : std::nullopt;
 }
 
-// The target of a link, empty when it cannot be read.
+// Returns the target of a link, or an empty text with errno when the link cannot be read.
 static std::string read_link(const std::string& path)
 {
     std::array<char, PATH_MAX> target;
@@ -54,7 +55,7 @@ static std::string read_link(const std::string& path)
     return length < 0 ? "" : std::string(target.data(), static_cast<size_t>(length));
 }
 
-// The words of a text, with views into it: the text has to outlive them.
+// Splits a text at single blanks. The words are views into the text, which has to outlive them.
 static std::vector<std::string_view> split(std::string_view text)
 {
     std::vector<std::string_view> words;
@@ -66,8 +67,9 @@ static std::vector<std::string_view> split(std::string_view text)
     return words;
 }
 
-// Seconds since a process was started; unknown for one that has ended, also when it is not reaped yet. The
-// kernel counts from boot and through a suspension, hence CLOCK_BOOTTIME.
+// Returns the seconds since a process was started, or an unknown figure for a process that has ended, even
+// if it is not reaped yet. The kernel counts from the boot on, through a suspension too, hence
+// CLOCK_BOOTTIME. See /proc/PID/stat in proc(5).
 static status_figure read_age(const std::string& process)
 {
     static constexpr size_t STATE = 1;  // fields, counted from the parenthesis that ends the name
@@ -84,8 +86,8 @@ static status_figure read_age(const std::string& process)
     return start.has_value() ? status_figure(now.tv_sec - *start / sysconf(_SC_CLK_TCK)) : std::nullopt;
 }
 
-// Whether one of the daemon's descriptors is the device, by the path. The directory is readable for root and
-// for the daemon's own user; for any other the answer is unknown, which is no "not armed".
+// Returns 1 when one of the daemon's descriptors leads to the device, else 0. Only root and the daemon's own
+// user may read the directory. For any other user the answer is unknown, which does not mean "not armed".
 static status_figure holds_device(const std::string& daemon)
 {
     const directory descriptors = open_directory(daemon + "/fd");
@@ -97,7 +99,8 @@ static status_figure holds_device(const std::string& daemon)
         if (target.starts_with(DEVICE)) {
             return 1;
         }
-        // The directory may be listed by its owner, but its links need the right to trace the daemon.
+        // The owner may list the directory, but reading its links takes the right to trace the daemon, see
+        // ptrace(2).
         if (target.empty() && errno == EACCES) {
             return std::nullopt;
         }
@@ -105,14 +108,16 @@ static status_figure holds_device(const std::string& daemon)
     return 0;
 }
 
-// A package manager renames a new file over the old one, which the daemon then runs without a name.
+// Returns 1 when the daemon's executable has lost its name. A package manager renames the new file over the
+// old one, and the daemon goes on running the old one.
 static status_figure was_replaced(const std::string& daemon)
 {
     const std::string executable = read_link(daemon + "/exe");
     return executable.empty() ? std::nullopt : status_figure(executable.ends_with(REPLACED) ? 1 : 0);
 }
 
-// The kernel ends each word with a zero.
+// Returns a process's command line with one blank between its words. The kernel ends each word with a zero
+// byte.
 static std::string read_command(const std::string& process)
 {
     std::string command = read_file(process + "/cmdline");
@@ -121,8 +126,8 @@ static std::string read_command(const std::string& process)
     return command;
 }
 
-// Keeps a child that is old and in no line of the report. Whether the daemon waits for it is the verdict's
-// question.
+// Keeps a child that is old and stands in no line of the report. status_judge() decides later whether the
+// daemon waits for that child.
 static void add_child(pid_t pid, const status_report_st& report, status_kernel_st* kernel)
 {
     const std::string child = "/proc/" + std::to_string(pid);
@@ -138,8 +143,9 @@ static void add_child(pid_t pid, const status_report_st& report, status_kernel_s
     }
 }
 
-// A thread's children are listed with that thread: the main thread starts programs, and the signal thread
-// restarts them.
+// The kernel lists a child with the thread that forked it, so every thread is asked: the main thread starts
+// programs, and the signal thread restarts them. A kernel built without CONFIG_PROC_CHILDREN lists none. See
+// proc(5).
 static void find_children(const std::string& daemon, const status_report_st& report, status_kernel_st* kernel)
 {
     const directory threads = open_directory(daemon + "/task");
@@ -165,8 +171,10 @@ static std::vector<pid_t> list_processes()
     return pids;
 }
 
-// By the same sign as the daemon: its name in /proc. It must have run before the daemon did, so it is looked
-// for from the daemon's pid downwards first: a VM has hundreds of the kernel's threads, with the lowest pids.
+// Looks for lunet as the daemon does, by its name in /proc. The daemon looks only once, at its start, so
+// lunet is older and most likely has one of the pids just below. The search therefore goes down from the
+// daemon's pid, and only then down from the highest pid. In this order it seldom reads the hundreds of
+// kernel threads, which have the lowest pids.
 static status_figure lunet_runs(pid_t daemon)
 {
     std::vector<pid_t> pids = list_processes();
@@ -181,8 +189,8 @@ static status_figure lunet_runs(pid_t daemon)
     return runs ? 1 : 0;
 }
 
-// There is no directory without a driver, and a kernel may be built without these files. The daemon opens
-// /dev/watchdog, which is always device 0.
+// Without a driver there is no such directory, and a kernel built without CONFIG_WATCHDOG_SYSFS has no such
+// files. The daemon opens /dev/watchdog, which is always device 0.
 static void look_at_device(status_kernel_st* kernel)
 {
     const std::string device = "/sys/class/watchdog/watchdog0/";

@@ -1,5 +1,6 @@
 // The line of a monitoring plugin: the verdict, the problems, and after a bar the figures that a monitoring
-// system draws curves of. A figure that is not known has no label: a zero would be a point of the curve.
+// system draws curves of. A figure that is not known is left out, because a zero would be a point of the
+// curve.
 
 #include <algorithm>
 #include <array>
@@ -8,7 +9,7 @@
 #include "status_forms.h"
 #include "status_text.h"
 
-// The first bar begins the figures, wherever it stands.
+// In a plugin's line the first bar begins the figures, so the texts before them may hold none.
 static std::string without_bars(const std::string& text)
 {
     std::string plain = status_to_plain(text);
@@ -25,7 +26,8 @@ static std::string describe_problems(const status_look_st& look)
     return text;
 }
 
-// Unknown as soon as one process's starts are: a sum over the others would look like a restart of the daemon.
+// Returns the starts of all processes. Unknown as soon as those of one process are, because a smaller sum
+// would look like a restart of the daemon.
 static status_figure count_starts(const status_report_st& report)
 {
     int64_t starts = 0;
@@ -38,8 +40,9 @@ static status_figure count_starts(const status_report_st& report)
     return report.monitored.has_value() ? status_figure(starts) : std::nullopt;
 }
 
-// "label=value unit;warning;critical;min;max" for each known figure. There is no warning limit, and the
-// critical one is the daemon's. "c" marks a counter, from which the monitoring system makes a rate.
+// Returns "label=value unit;warning;critical;min;max" for each known figure, without the blank. There is no
+// warning limit, and the critical limit is the daemon's high limit. "c" marks a counter, from which the
+// monitoring system computes a rate.
 static std::string describe_figures(const status_look_st& look)
 {
     const status_report_st& report = look.report;
@@ -63,10 +66,10 @@ static std::string describe_figures(const status_look_st& look)
             text += ";;" + std::to_string(*report.memory_high * 1024);
         }
     }
-    return text.substr(std::min<size_t>(1, text.size()));
+    return text.substr(std::min<size_t>(1, text.size()));  // without the first blank
 }
 
-// The problems come first: a pager may show the first words only.
+// The problems come first, because a pager may show only the first words.
 std::string status_make_line(const status_look_st& look)
 {
     std::string line =
@@ -76,7 +79,7 @@ std::string status_make_line(const status_look_st& look)
                 (look.report.monitored == 1 ? " process, failover " : " processes, failover ") +
                 status_failover_word(look);
     } else {
-        line.resize(line.size() - 2);  // the separator, since a problem was described
+        line.resize(line.size() - 2);  // without a report there is a problem, whose separator is cut off
     }
     const std::string figures = describe_figures(look);
     return line + (figures.empty() ? "" : "|" + figures) + "\n";

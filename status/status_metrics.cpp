@@ -1,5 +1,5 @@
-// The metrics of --prometheus, in the text format for a textfile collector. Without timestamps: the collector
-// refuses a file that has some.
+// The metrics of --prometheus, in the text format for a textfile collector. They have no timestamps, because
+// the collector refuses a file with any.
 
 #include <algorithm>
 #include <vector>
@@ -8,7 +8,7 @@
 #include "status_forms.h"
 #include "status_text.h"
 
-// A label's value: the format knows these three escapes and takes any other UTF-8 as it is.
+// Returns a label's value. The format has these three escapes and takes any other UTF-8 as it is.
 static std::string escape(const std::string& text)
 {
     std::string escaped;
@@ -30,7 +30,7 @@ static std::string label(const char* name, const std::string& value)
     return std::string(name) + "=\"" + escape(value) + "\"";
 }
 
-// A sample's value, empty when the figure is unknown.
+// Returns a sample's value, empty when the figure is unknown. A factor of 1024 turns kB into bytes.
 static std::string whole(const status_figure& figure, int64_t factor = 1)
 {
     return figure.has_value() ? std::to_string(*figure * factor) : "";
@@ -46,8 +46,8 @@ struct sample_st {
     std::string value;
 };
 
-// Adds a metric, HELP and TYPE once before its samples. Of one without a known figure nothing is written:
-// a metric that is absent can be alerted on, a zero would pass for a figure.
+// Adds a metric: HELP and TYPE once, then its samples. A metric without any known figure is left out: an
+// alert can look for an absent metric, but a zero would pass for a figure.
 static void put(std::string* text, const std::string& name, const char* help,
                 const std::vector<sample_st>& samples)
 {
@@ -62,14 +62,15 @@ static void put(std::string* text, const std::string& name, const char* help,
     }
 }
 
-// How often the text has come so far, this time included.
+// Notes the text and returns how often it has come so far, this time included.
 static std::ptrdiff_t count_text(const std::string& text, std::vector<std::string>* seen)
 {
     seen->push_back(text);
     return std::count(seen->begin(), seen->end(), text);
 }
 
-// Each code once: two processes may be lost, but two equal samples would spoil the whole text.
+// Lists each code once. Two processes may be lost, but the collector refuses a whole file with two equal
+// samples.
 static std::vector<sample_st> list_problems(const status_look_st& look)
 {
     std::vector<sample_st> samples;
@@ -107,7 +108,7 @@ static void put_processes(const status_report_st& report, std::string* text)
     std::vector<sample_st> states, starts, cpus, memories;
     std::vector<std::string> seen;
     for (const status_process_st& process : report.processes) {
-        // Two samples of one name would spoil the whole text: the second of that name is "name#2".
+        // Two processes may have one name, but not two samples: the second process is "name#2".
         const std::ptrdiff_t number = count_text(status_to_utf8(process.name), &seen);
         const std::string name =
             label("name", process.name + (number == 1 ? "" : "#" + std::to_string(number)));
@@ -132,6 +133,8 @@ std::string status_make_metrics(const status_look_st& look)
     put(&text, "halvo_status", "The verdict: 0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN.",
         {{"", whole(look.status)}});
     put(&text, "halvo_problem", "1 for each problem there is, see halvo-status(8).", list_problems(look));
+    // Without a daemon all that is known is the device's timeout, and the heartbeat's end, which follows
+    // from halvo_up.
     if (look.exchange.answer != status_answer::NO_DAEMON) {
         put_vm(look, &text);
         put_processes(look.report, &text);

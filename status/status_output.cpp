@@ -15,22 +15,24 @@
 
 static constexpr std::string_view TAKE = "\033[?1049h\033[?25l";   // the alternate screen, no cursor
 static constexpr std::string_view LEAVE = "\033[?25h\033[?1049l";  // the screen as it was
+// The sequences of console_codes(4) that a frame is drawn with.
 static constexpr std::string_view HOME = "\033[H";
 static constexpr std::string_view CLEAR_LINE = "\033[K";
 static constexpr std::string_view CLEAR_REST = "\033[J";
 
-// The sequences that the signal handlers write, empty where there is no terminal. They are set before the
-// handlers are, and never again.
+// The sequences that the signal handlers write, empty without a terminal. They are set once, before the
+// handlers are installed, so that no handler meets a half-written one.
 static std::string_view take_g;
 static std::string_view leave_g;
 
-static int complain(const std::string& what)
+// Prints errno's text with the thing that failed. Returns -1, which the caller returns in turn.
+static int complain(const std::string& subject)
 {
-    fprintf(stderr, "halvo-status: %s: %s\n", what.c_str(), strerror(errno));
+    fprintf(stderr, "halvo-status: %s: %s\n", subject.c_str(), strerror(errno));
     return -1;
 }
 
-// An empty NO_COLOR does not count, by the convention of that variable.
+// By the convention of the variable NO_COLOR, an empty value does not count.
 status_style_st status_find_style()
 {
     const char* no_color = getenv("NO_COLOR");
@@ -38,7 +40,7 @@ status_style_st status_find_style()
     return {is_terminal, is_terminal && (no_color == nullptr || *no_color == '\0')};
 }
 
-// Returns 0, or -1 with errno. Safe in a signal handler.
+// Returns 0, or -1 with errno. Safe in a signal handler, since it calls only write(2), see signal-safety(7).
 static int write_whole(int fd, std::string_view text)
 {
     while (!text.empty()) {
@@ -58,23 +60,25 @@ int status_print(const std::string& text)
 
 int status_write_file(const std::string& path, const std::string& text)
 {
-    std::string beside = path + ".XXXXXX";
-    const int fd = mkstemp(beside.data());
+    // In the same directory, because rename(2) cannot move a file to another file system.
+    std::string new_path = path + ".XXXXXX";
+    const int fd = mkstemp(new_path.data());
     if (fd == -1) {
         return complain(path);
     }
-    // mkstemp(3) gives the owner alone the right to read, and a collector runs as another user.
+    // mkstemp(3) lets only the owner read the file, and a collector runs as another user.
     bool written = fchmod(fd, S_IRUSR | S_IWUSR | S_IRGRP | S_IROTH) == 0 && write_whole(fd, text) == 0;
-    written = close(fd) == 0 && written;  // a full disk may show here only
-    if (written && rename(beside.c_str(), path.c_str()) == 0) {
+    written = close(fd) == 0 && written;  // a full disk may show only here, see close(2)
+    if (written && rename(new_path.c_str(), path.c_str()) == 0) {
         return 0;
     }
     complain(path);
-    unlink(beside.c_str());
+    unlink(new_path.c_str());
     return -1;
 }
 
-// In a signal handler: only write(2), and a kill that takes effect when the handler returns.
+// A signal handler, so it calls only functions of signal-safety(7). The raised signal is blocked here, and
+// ends the process when the handler returns. SIGINT is the ordinary way out of --watch and no failure.
 static void leave_terminal(int signal_number)
 {
     write_whole(STDOUT_FILENO, leave_g);
@@ -85,7 +89,7 @@ static void leave_terminal(int signal_number)
     raise(signal_number);
 }
 
-// Ctrl-Z: the shell gets its screen for as long as this process is stopped.
+// The signal handler of Ctrl-Z: the shell has its screen back for as long as this process is stopped.
 static void pause_terminal(int)
 {
     const int error = errno;
@@ -102,7 +106,7 @@ void status_take_output(bool is_terminal)
     struct sigaction action {};
     action.sa_flags = SA_RESTART;
     action.sa_handler = leave_terminal;
-    sigfillset(&action.sa_mask);  // the terminal is left once
+    sigfillset(&action.sa_mask);  // no second signal while a handler writes to the terminal
     for (const int signal_number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         sigaction(signal_number, &action, nullptr);
     }
@@ -111,8 +115,8 @@ void status_take_output(bool is_terminal)
     write_whole(STDOUT_FILENO, take_g);
 }
 
-// Overwrites the old frame instead of clearing it first, which would flicker, in one write. No line goes
-// below the last row: the terminal would scroll.
+// Overwrites the old frame in one write. Clearing it first would flicker. No line may go below the last row,
+// because the terminal would scroll. Without a known size every line is drawn, see ioctl_tty(2).
 int status_draw(const std::string& screen)
 {
     winsize size{};

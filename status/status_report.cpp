@@ -8,22 +8,23 @@
 #include "halvo_private.h"  // the codes of types, states and actions
 #include "status_exchange.h"
 
-// A line's form: '#' is a whole number, '@' one with one decimal, '~' a whole one, both of which become
-// tenths, and
-// '*' the rest of the line.
+// The form of a line, with four symbols. '#' is a whole number. '@' is a number with one decimal, and '~' a
+// whole number; both are stored in tenths. '*' is the rest of the line. Any other character stands for
+// itself.
 template <typename Record>
 struct line_st {
     const char* form;
-    status_figure Record::*first = nullptr;   // takes the first number, or the value where the form has none
+    status_figure Record::*first = nullptr;   // takes the first number, or `value` if the form has none
     status_figure Record::*second = nullptr;  // takes the second number
     int64_t value = 0;
     std::string Record::*text = nullptr;  // takes the rest
 };
 
-// The lines of both reports, in the daemon's words. A form without a member is a line that is known and not
-// used: only a line in none of the forms proves that the report is damaged.
 using report = status_report_st;
 using process = status_process_st;
+
+// The lines of both reports, in the daemon's words. A form without a member belongs to a line that is not
+// used here but known: a line in none of the forms proves that the report is damaged.
 
 static constexpr auto status_lines = std::to_array<line_st<report>>({
     {"\tProcess manager pid: #", &report::pid},
@@ -89,16 +90,17 @@ static constexpr auto process_config_lines = std::to_array<line_st<process>>({
     {"\tRecurring failure management is not enabled"},
 });
 
-// The longest header of a block, "Process '...': Status:" with a name of 50 characters. A line that begins
-// where such a header may already have been dropped may belong to another process.
+// The longest header of a block is "Process '...': Status:" with a name of 50 characters, 70 bytes. Beyond
+// the last certain line a header may have been dropped, so a line there may belong to another process.
 static constexpr size_t LONGEST_HEADER = 80;
 static constexpr size_t LAST_CERTAIN_LINE = STATUS_REPORT_SIZE - LONGEST_HEADER;
 
-// Beyond this length a line of the longest kind may have been dropped.
+// A report beyond this length had no room for a line of the longest kind, so one may have been dropped.
 static constexpr size_t LONGEST_WHOLE_REPORT = STATUS_REPORT_SIZE - STATUS_LINE_SIZE;
 
-// Takes a number off the front of the line. The bounds are those of the daemon's own types, so that no sum or
-// product of two figures can overflow later.
+// Takes the number of a form's symbol off the front of the line. Returns false when the line has no such
+// number there. The bounds are those of the daemon's own types, so that no sum or product of two figures can
+// overflow later.
 static bool take_number(std::string_view* line, char symbol, int64_t* value)
 {
     const char* end = line->data() + line->size();
@@ -125,7 +127,8 @@ struct match_st {
     std::string_view rest;
 };
 
-// True when the whole line is in the form. A form has at most two numbers, and a rest at its end only.
+// Returns true when the whole line is in the form. A form has at most two numbers, and a rest only at its
+// end.
 static bool match_line(const char* form, std::string_view line, match_st* match)
 {
     for (; *form != '\0'; ++form) {
@@ -146,7 +149,7 @@ static bool match_line(const char* form, std::string_view line, match_st* match)
     return line.empty();
 }
 
-// Stores a line's figures. Returns -1 for a line that is in none of the forms.
+// Stores a line's figures. Returns 0, or -1 for a line that is in none of the forms.
 template <typename Record>
 static int read_line(std::span<const line_st<Record>> forms, std::string_view line, Record* record)
 {
@@ -169,8 +172,8 @@ static int read_line(std::span<const line_st<Record>> forms, std::string_view li
     return -1;
 }
 
-// The differences between the two reports. A block of the status has the process's name in its header, one of
-// the configuration in its first line.
+// The differences between the two reports. A block of the status has the process's name in its header; a
+// block of the configuration has it in its first line.
 struct grammar_st {
     std::string_view first_line, header_begin, header_end;
     bool header_has_name;
@@ -183,12 +186,12 @@ static constexpr grammar_st status_grammar = {"Halvo: Status:\n", "Process '",  
 static constexpr grammar_st config_grammar = {
     "Global: Config details:\n", "Process[", "]: Config details:", false, config_lines, process_config_lines};
 
-// Reads a text into the record's global figures and a list of blocks, in the text's order. Returns whether it
-// is cut off.
+// Reads a text into the record's global figures and a list of blocks, in the text's order. Returns true when
+// lines of the text are missing or damaged.
 static bool read_blocks(const grammar_st& grammar, std::string_view text, report* into,
                         std::vector<process>* blocks)
 {
-    // The daemon drops whole lines: a text that ends within one is no work of its own.
+    // The daemon drops only whole lines, so a text that ends within a line is damaged.
     bool cut = text.size() > LONGEST_WHOLE_REPORT || text.back() != '\n';
     for (size_t at = grammar.first_line.size(); at < text.size();) {
         const std::string_view line = text.substr(at, text.find('\n', at) - at);
@@ -210,7 +213,7 @@ static bool read_blocks(const grammar_st& grammar, std::string_view text, report
     return cut;
 }
 
-// The status has filled in the rest.
+// Copies the members that only the configuration has. The status has filled in the others.
 static void merge_config(const process& block, process* known)
 {
     known->type = block.type;
@@ -222,8 +225,8 @@ static void merge_config(const process& block, process* known)
     known->memory_low = block.memory_low;
 }
 
-// The number of blocks is compared with the daemon's own count: a block that was dropped leaves no other
-// trace.
+// The number of blocks is compared with the daemon's own count, because a header that was dropped leaves no
+// other trace.
 int status_read_status(std::string_view text, status_report_st* into)
 {
     if (!text.starts_with(status_grammar.first_line)) {
@@ -235,7 +238,7 @@ int status_read_status(std::string_view text, status_report_st* into)
     for (process& block : blocks) {
         into->status_cut |= !block.state.has_value();
         if (block.state == UNKNOWN) {
-            block.starts = 0;  // the daemon says no more of such a one
+            block.starts = 0;  // the daemon reports nothing else about such a process
         }
     }
     return 0;
@@ -250,10 +253,11 @@ int status_read_config(std::string_view text, status_report_st* into)
     into->has_config = true;
     into->config_cut = read_blocks(config_grammar, text, into, &blocks) ||
                        static_cast<int64_t>(blocks.size()) < into->monitored.value_or(0);
-    // By name: a block that is missing in one report would otherwise shift every process after it.
+    // Blocks are matched by name: a block that is missing in one report would otherwise shift every process
+    // after it.
     std::vector<bool> is_merged(into->processes.size());
     for (const process& block : blocks) {
-        size_t at = 0;  // several processes may have one name: the first is the first in both reports
+        size_t at = 0;  // of several processes with one name, the first is the first in both reports
         while (at < is_merged.size() && (is_merged[at] || into->processes[at].name != block.name)) {
             ++at;
         }
@@ -269,7 +273,8 @@ int status_read_config(std::string_view text, status_report_st* into)
     return 0;
 }
 
-// The figures come from the tables above alone, so that each has its word.
+// Returns the word of a figure, counted from the lowest one. The figures come only from the tables above, so
+// each has a word.
 static const char* find_word(const status_figure& figure, int64_t lowest,
                              std::initializer_list<const char*> words)
 {

@@ -1,5 +1,6 @@
 // The screen for a person: the verdict and its reasons first, then the VM, then a table of the processes. On
-// a terminal no line is longer than 80 columns; elsewhere nothing is cut, since a file can be searched.
+// a terminal no line is longer than 80 columns. Elsewhere nothing is cut, because a file is searched for
+// whole names.
 
 #include <algorithm>
 #include <array>
@@ -11,8 +12,8 @@
 #include "status_forms.h"
 #include "status_text.h"
 
-static constexpr size_t WIDTH = 80;    // columns
-static constexpr size_t SHORTEST = 4;  // columns that a name keeps
+static constexpr size_t WIDTH = 80;         // columns
+static constexpr size_t SHORTEST_NAME = 4;  // columns that a name keeps
 
 static constexpr const char* PLAIN = "\033[0m";
 static constexpr const char* BOLD = "\033[1m";
@@ -20,9 +21,9 @@ static constexpr const char* DIM = "\033[2m";
 static constexpr const char* RED = "\033[1;31m";
 static constexpr const char* GREEN = "\033[1;32m";
 static constexpr const char* YELLOW = "\033[1;33m";
-static constexpr const char* CHANGED = "\033[7m";  // not a colour: it is left with NO_COLOR
+static constexpr const char* CHANGED = "\033[7m";  // not a colour, so NO_COLOR leaves it
 
-// One screen in the making: its style, the texts of the screen before, and its own.
+// A screen that is being made: its style, the texts of the screen before it, and its own texts.
 struct canvas_st {
     status_style_st style;
     const status_shown* before;  // null: nothing is marked
@@ -30,20 +31,21 @@ struct canvas_st {
     std::string text{};
 };
 
+// In UTF-8 every byte of a character but its first is 10xxxxxx in binary, see utf-8(7).
 static bool is_later_byte(char byte)
 {
     return (static_cast<unsigned char>(byte) & 0xc0U) == 0x80U;
 }
 
-// Columns: every byte but the later ones of a character. Wide and combining characters are not known here; a
-// name with some is off by a few columns, as it is in most programs.
+// Returns the width in columns: one for each byte that begins a character. Wide and combining characters are
+// not known here, so a name that holds some is off by a few columns, as it is in most programs.
 static size_t width_of(const std::string& text)
 {
     return text.size() - static_cast<size_t>(std::count_if(text.begin(), text.end(), is_later_byte));
 }
 
-// Cuts a text that is too wide, with an ellipsis in its last column. The width falls only with the first byte
-// of a character, so that no half of one is left.
+// Cuts a text that is too wide and puts an ellipsis in its last column. The loop ends only when the first
+// byte of a character is gone, so it never leaves half of one.
 static std::string cut(const std::string& text, size_t columns)
 {
     if (width_of(text) <= columns) {
@@ -56,7 +58,8 @@ static std::string cut(const std::string& text, size_t columns)
     return shorter + "…";
 }
 
-// Whether that place showed something else before, or nothing. The first screen has nothing to differ from.
+// Returns true when that place showed another text before, or none. The first screen has nothing to differ
+// from.
 static bool has_changed(const canvas_st& canvas, const std::string& place, const std::string& text)
 {
     return canvas.style.is_terminal && canvas.before != nullptr && !canvas.before->empty() &&
@@ -64,8 +67,8 @@ static bool has_changed(const canvas_st& canvas, const std::string& place, const
                canvas.before->end();
 }
 
-// Adds a text, in colour and marked as changed where the style has that. The place is a name for this spot
-// that stays the same from screen to screen, though lines above it come and go.
+// Adds a text, in colour and marked as changed as far as the style allows. The place is a name for this
+// spot. It stays the same from screen to screen, although lines above it come and go.
 static void put(canvas_st* canvas, const std::string& place, const std::string& text, const char* colour = "")
 {
     const bool is_marked = has_changed(*canvas, place, text);
@@ -75,13 +78,14 @@ static void put(canvas_st* canvas, const std::string& place, const std::string& 
     canvas->text.append(is_coloured || is_marked ? PLAIN : "");
 }
 
-// Adds a text that is never marked: labels are always the same, and the clock never is.
+// Adds a text that is never marked: a label never changes, and the clock always does.
 static void put_dim(canvas_st* canvas, const std::string& text)
 {
     const bool is_coloured = canvas->style.has_colour;
     canvas->text.append(is_coloured ? DIM : "").append(text).append(is_coloured ? PLAIN : "");
 }
 
+// Returns the blanks from one column to another, none if the text before them has already passed it.
 static std::string blanks(size_t from, size_t to)
 {
     return std::string(to > from ? to - from : 0, ' ');
@@ -92,7 +96,8 @@ static const char* severity_colour(status_severity_en severity)
     return std::array{GREEN, YELLOW, RED, RED}.at(static_cast<size_t>(severity));
 }
 
-// Now, in the form of the daemon's own dates: "Mon Nov 23 21:14:07 2026".
+// Returns the present time in the form of the daemon's own dates, "Mon Nov 23 21:14:07 2026", so that
+// short_date() can compare the two.
 static std::string clock_text()
 {
     const time_t now = time(nullptr);
@@ -100,14 +105,14 @@ static std::string clock_text()
     return ctime_r(&now, text.data()) == nullptr ? "" : std::string(text.data(), strcspn(text.data(), "\n"));
 }
 
-// A text in lines of so many columns at most, broken at blanks where there are any.
+// Breaks a text into lines of at most `columns` columns, at a blank if the line has one.
 static std::vector<std::string> wrap(std::string text, size_t columns)
 {
     std::vector<std::string> lines;
     while (width_of(text) > columns) {
         size_t end = text.rfind(' ', columns);
         if (end == 0 || end == std::string::npos) {
-            for (end = columns; is_later_byte(text[end]); --end) {  // no half of a character
+            for (end = columns; is_later_byte(text[end]); --end) {  // not within a character
             }
         }
         lines.push_back(cut(text.substr(0, end), columns));
@@ -117,21 +122,22 @@ static std::vector<std::string> wrap(std::string text, size_t columns)
     return lines;
 }
 
-// A problem may take several lines. The place of each is its code and text: the same problem is not marked
-// when another one pushes it down.
+// A problem may take several lines. The place of each line is its code and text, so that a problem is not
+// marked when another one pushes it down.
 static void put_problem(canvas_st* canvas, const status_problem_st& problem)
 {
-    static constexpr size_t CODE = 10;  // columns after which the code and the text begin
-    static constexpr size_t TEXT = 27;
+    static constexpr size_t CODE_COLUMN = 10;  // columns after which the code and the text begin
+    static constexpr size_t TEXT_COLUMN = 27;
     const bool is_allowed = problem.severity == STATUS_OK;
     const std::string severity = is_allowed ? "allowed" : status_severity_word(problem.severity);
     const std::string text = status_to_plain(problem.text);
-    std::string head = severity + blanks(severity.size(), CODE) + problem.code;
-    head += blanks(head.size(), TEXT);
+    std::string head = severity + blanks(severity.size(), CODE_COLUMN) + problem.code;
+    head += blanks(head.size(), TEXT_COLUMN);
     canvas->text += "  ";
     put(canvas, head, head, is_allowed ? DIM : severity_colour(problem.severity));
-    for (const std::string& line : wrap(text, canvas->style.is_terminal ? WIDTH - TEXT - 2 : text.size())) {
-        canvas->text += canvas->text.ends_with('\n') ? blanks(0, TEXT + 2) : "";
+    for (const std::string& line :
+         wrap(text, canvas->style.is_terminal ? WIDTH - TEXT_COLUMN - 2 : text.size())) {
+        canvas->text += canvas->text.ends_with('\n') ? blanks(0, TEXT_COLUMN + 2) : "";
         put(canvas, head + line, line);
         canvas->text += "\n";
     }
@@ -155,17 +161,19 @@ static void put_verdict(canvas_st* canvas, const status_look_st& look)
     canvas->text += "\n";
 }
 
-// One line with one fact: two would not fit in 80 columns beside the limits that a figure may have.
+// Adds one line with one fact. With the limits that a figure may have, two facts would not fit into 80
+// columns.
 static void put_fact(canvas_st* canvas, const std::string& label, const std::string& text,
                      const char* colour = "")
 {
-    static constexpr size_t LABEL = 11;  // columns
-    put_dim(canvas, label + blanks(label.size(), LABEL));
+    static constexpr size_t LABEL_WIDTH = 11;  // columns
+    put_dim(canvas, label + blanks(label.size(), LABEL_WIDTH));
     put(canvas, label, text, colour);
     canvas->text += "\n";
 }
 
-// ", limit 80%" after a figure, ", at least 1 GB" for one that must not fall below its limit.
+// Returns the text after a figure: ", limit 80%" for a high limit, ", at least 1 GB" for a low one, both, or
+// none.
 static std::string describe_limits(const status_figure& high, const status_figure& low,
                                    std::string (*show)(int64_t))
 {
@@ -199,14 +207,14 @@ static void put_vm(canvas_st* canvas, const status_look_st& look)
 }
 
 static constexpr size_t COLUMNS = 9;
-static constexpr size_t STATE = 2;  // the column
+static constexpr size_t STATE = 2;  // the index of that column
 static constexpr std::array<const char*, COLUMNS> TITLES = {"NAME", "TYPE", "STATE",  "PID",   "STARTS",
                                                             "LAST", "CPU",  "MEMORY", "ACTION"};
 
 using row_st = std::array<std::string, COLUMNS>;
 using widths_st = std::array<size_t, COLUMNS>;
 
-// "264k" instead of "264 kB".
+// Returns "264k" instead of "264 kB": a cell is narrow.
 static std::string show_size(int64_t kilobytes)
 {
     std::string text = status_show_kilobytes(kilobytes);
@@ -214,7 +222,7 @@ static std::string show_size(int64_t kilobytes)
     return text.erase(text.size() - 2, 1);
 }
 
-// A figure and its limit in few columns: "12.3%/80%", or "264k/≥1M" where the only limit is a low one.
+// Returns a figure and its limit in few columns: "12.3%/80%", or "264k/≥1M" if the only limit is a low one.
 static std::string beside_limit(const status_figure& figure, const status_figure& high,
                                 const status_figure& low, std::string (*show)(int64_t))
 {
@@ -227,7 +235,8 @@ static std::string beside_limit(const status_figure& figure, const status_figure
     return show(*figure) + (low.value_or(0) > 0 ? "/≥" + show(*low) : "");
 }
 
-// "Mon Nov 23 21:14:07 2026" becomes the time of today, or the day and month.
+// Shortens "Mon Nov 23 21:14:07 2026" to "21:14:07" if that is today, else to "Nov 23". A text of another
+// length is not a date of ctime(3), and is only cut.
 static std::string short_date(const std::string& date, const std::string& today)
 {
     if (date.size() != 24 || today.size() != 24) {
@@ -260,7 +269,7 @@ static row_st make_row(const status_process_st& process, const std::string& toda
             word_or_dash(status_action_word(process.action))};
 }
 
-// Only the name and the state have a colour: more of them would hide the one that is red.
+// Only the name and the state are coloured: with more colours the one red cell would not stand out.
 static const char* cell_colour(size_t column, const std::string& text)
 {
     if (text == TITLES.at(column)) {
@@ -275,7 +284,7 @@ static const char* cell_colour(size_t column, const std::string& text)
 static void put_row(canvas_st* canvas, const row_st& row, const widths_st& widths, size_t gap)
 {
     for (size_t column = 0; column < COLUMNS; ++column) {
-        const bool is_figure = column > STATE && column + 1 < COLUMNS;  // on the right of its column
+        const bool is_figure = column > STATE && column + 1 < COLUMNS;  // set flush right
         const std::string text =
             canvas->style.is_terminal ? cut(row.at(column), widths.at(column)) : row.at(column);
         const std::string rest = blanks(width_of(text), widths.at(column));
@@ -288,8 +297,8 @@ static void put_row(canvas_st* canvas, const row_st& row, const widths_st& width
     canvas->text += "\n";
 }
 
-// The widest cell of each column. On a terminal the gap between two columns gives way first, then the name:
-// each other column has a bound.
+// Returns the width of each column's widest cell. If a row is too wide for a terminal, the gap between two
+// columns gives way first, then the name, since each other column has a bound.
 static widths_st find_widths(const std::vector<row_st>& rows, bool is_terminal, size_t* gap)
 {
     widths_st widths{};
@@ -302,7 +311,7 @@ static widths_st find_widths(const std::vector<row_st>& rows, bool is_terminal, 
     *gap = !is_terminal || cells + 2 * (COLUMNS - 1) <= WIDTH ? 2 : 1;
     if (is_terminal) {
         const size_t others = cells - widths[0] + *gap * (COLUMNS - 1);
-        widths[0] = std::min(widths[0], WIDTH - std::min(others, WIDTH - SHORTEST));
+        widths[0] = std::min(widths[0], WIDTH - std::min(others, WIDTH - SHORTEST_NAME));
     }
     return widths;
 }

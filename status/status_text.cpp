@@ -8,7 +8,8 @@
 #include <array>
 #include <cstdio>
 
-// The same as the daemon's splitter does, which keeps an array of words where this needs one text.
+// Splits like halvo_split_command(), which is not used because it yields an array of words, and only the
+// first 1023 characters.
 std::string status_join_words(std::string_view command)
 {
     std::string words;
@@ -23,7 +24,7 @@ std::string status_join_words(std::string_view command)
     return words;
 }
 
-// Character by character, so that one bad byte costs one replacement and not the rest of the name.
+// Goes character by character, so that one bad byte costs one replacement and not the rest of the name.
 std::string status_to_utf8(std::string_view text)
 {
     std::string valid;
@@ -40,13 +41,14 @@ std::string status_to_utf8(std::string_view text)
 std::string status_to_plain(std::string_view text)
 {
     std::string plain = status_to_utf8(text);
-    bool after_c2 = false;  // the first byte of U+0080 to U+009F, which some terminals obey like an escape
+    // C2 is the first byte of U+0080 to U+009F, control characters that some terminals obey like an escape.
+    bool after_c2 = false;
     for (char& character : plain) {
         const auto byte = static_cast<unsigned char>(character);
         if (byte < 0x20 || byte == 0x7f) {
             character = '?';
         } else if (after_c2 && byte < 0xa0) {
-            character = '\xbf';  // an inverted question mark
+            character = '\xbf';  // with its C2, an inverted question mark
         }
         after_c2 = byte == 0xc2;
     }
@@ -64,6 +66,7 @@ std::string status_show_kilobytes(int64_t kilobytes)
     static constexpr std::array UNITS = {"kB", "MB", "GB", "TB"};
     size_t unit = 0;
     auto value = static_cast<double>(kilobytes);
+    // From 1000 on, and not from 1024, so that a number has at most three digits, save for rounding.
     for (; value >= 1000 && unit + 1 < UNITS.size(); ++unit) {
         value /= 1024;
     }

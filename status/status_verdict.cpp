@@ -9,10 +9,12 @@
 #include "halvo_private.h"
 #include "status_text.h"
 
-// How long after its start the daemon has looked for every process, beyond one monitoring interval; seconds.
-static constexpr int64_t FIRST_LOOK = 5;
+// Seconds. A daemon that has run for one monitoring interval and this much longer counts as having looked
+// for every process. A process that it does not find takes it 3 seconds.
+static constexpr int64_t LOOKING_TIME = 5;
 
-// A line of the configuration report that may have been cut in the middle is at least so long.
+// Characters. A start command of this length fills its line in the configuration report, so its end may have
+// been cut off. The line has a line feed and a terminator too.
 static constexpr size_t CUT_COMMAND = STATUS_LINE_SIZE - 2 - std::string_view("\tStart command: ").size();
 
 // Every problem with its severity. The names are an interface: see halvo-status(8).
@@ -51,6 +53,7 @@ bool status_is_code(std::string_view code)
     return known != nullptr && known->severity != STATUS_UNKNOWN;
 }
 
+// The code must stand in the table above.
 static void add(status_look_st* look, const char* code, const std::string& text)
 {
     look->problems.push_back({find_code(code)->severity, code, text});
@@ -61,15 +64,15 @@ static std::string in_quotes(const std::string& name)
     return "process '" + name + "'";
 }
 
-// Start-up is over when the daemon has sampled: until then a NORMAL process may still be waiting for its
-// start.
+// The daemon samples only after its start-up, and until then a NORMAL process may still be waiting for its
+// start. A total of 0 means that no sample was taken yet.
 static bool is_started_up(const status_report_st& report)
 {
     return report.memory_total.value_or(0) > 0;
 }
 
-// A process that was never found is lost only after the daemon has had the time to look for it, and only with
-// its type: a NORMAL one may wait for the scripts of the processes before it.
+// A process that was never found is lost only when the daemon has had the time to look for it. Its type must
+// be known, because a NORMAL process may still wait for the scripts of the processes before it.
 static bool is_lost(const status_look_st& look, const status_process_st& process)
 {
     if (process.state != UNKNOWN) {
@@ -77,7 +80,7 @@ static bool is_lost(const status_look_st& look, const status_process_st& process
     }
     const status_report_st& report = look.report;
     const bool had_time = report.monitor_interval.has_value() && look.kernel.age.has_value() &&
-                          *look.kernel.age >= *report.monitor_interval + FIRST_LOOK;
+                          *look.kernel.age >= *report.monitor_interval + LOOKING_TIME;
     return had_time && process.type.has_value() && (process.type != NORMAL || is_started_up(report));
 }
 
@@ -92,8 +95,9 @@ static void judge_processes(status_look_st* look)
     }
 }
 
-// Only the descriptor proves that the VM is guarded: after a failed keepalive the device is closed, and both
-// reports still speak of an enabled failover. An unknown descriptor is no proof of the opposite.
+// Only the descriptor proves that the VM is guarded. After a failed keepalive the device is closed, but the
+// configuration report still says that failover is enabled. An unknown descriptor is no proof of the
+// opposite.
 static void judge_failover(status_look_st* look)
 {
     const status_kernel_st& kernel = look->kernel;
@@ -117,35 +121,36 @@ static void judge_failover(status_look_st* look)
     }
     if (look->report.status_cut || look->report.config_cut) {
         add(look, "cut-off",
-            look->report.status_cut ? "lines are missing in the status report"
-                                    : "lines are missing in the configuration report");
+            look->report.status_cut ? "lines are missing from the status report"
+                                    : "lines are missing from the configuration report");
     }
 }
 
-// Whether the words of a child are those of the command: all of them, or the last ones after an
-// interpreter's.
+// Returns true when a child's command line is the configured command, or ends with it: the kernel puts an
+// interpreter's name before the command of a script, see execve(2).
 static bool runs_command(const std::string& child, const std::string& configured)
 {
     const std::string command = status_join_words(configured);
     if (command.empty()) {
         return false;
     }
-    if (configured.size() >= CUT_COMMAND) {  // its end may be missing
+    if (configured.size() >= CUT_COMMAND) {  // the command's end may be missing
         return child.find(command) != std::string::npos;
     }
     return child == command || child.ends_with(" " + command);
 }
 
-// The daemon looks for a process through popen(3), whose shell runs it in its place or waits for it.
+// The daemon runs pidof(8) through popen(3). The shell either execs pidof or waits for it, and newer C
+// libraries pass "--" before the command.
 static bool is_pidof(const std::string& command)
 {
     return command.starts_with("pidof ") || command.starts_with("sh -c pidof ") ||
            command.starts_with("sh -c -- pidof ");
 }
 
-// A start command keeps its command line when it becomes the process, which has no pid in the report in its
-// first 10 seconds. Any other child this old is a script or a pidof, and the daemon's loop stands still until
-// it ends.
+// A process has no pid in the report in its first 10 seconds, so it is recognised by its start command. Any
+// other child this old is a script or a pidof, and one of the daemon's threads stands still until that child
+// ends. Without all start commands only a pidof is certain to be none of the processes.
 static void judge_children(status_look_st* look)
 {
     const status_report_st& report = look->report;
@@ -165,7 +170,8 @@ static void judge_children(status_look_st* look)
     }
 }
 
-// A limit of 0 is not set. At most one of the two can be crossed.
+// A limit of 0 is not set. Both limits can be crossed only if the low one is above the high one; then the
+// high one is reported.
 static void judge_limit(status_look_st* look, const std::string& subject, const status_figure& figure,
                         const status_figure& high, const status_figure& low, std::string (*show)(int64_t))
 {
@@ -180,8 +186,8 @@ static void judge_limit(status_look_st* look, const std::string& subject, const 
     }
 }
 
-// Before the first sample the figures are zeros, and a low limit of CPU is never judged: the first pass after
-// a start reads 0.0 %.
+// Before the first sample the figures are zeros, which would be below any low limit. A low limit of CPU is
+// never judged, because the first sample after a start gives 0.0 %.
 static void judge_limits(status_look_st* look)
 {
     const status_report_st& report = look->report;
@@ -197,15 +203,16 @@ static void judge_limits(status_look_st* look)
         }
         judge_limit(look, in_quotes(process.name) + " has a CPU usage of", process.cpu, process.cpu_high,
                     std::nullopt, status_show_percent);
-        if (process.memory_peak != 0) {
+        if (process.memory_peak != 0) {  // 0: not sampled yet
             judge_limit(look, in_quotes(process.name) + " has a memory usage of", process.memory,
                         process.memory_high, process.memory_low, status_show_kilobytes);
         }
     }
 }
 
-// The proof that the heartbeat has ended, empty without one. Each line is a loss that the daemon has noticed,
-// and its first loss ends the heartbeat for good. A DAEMON process is started only after it was lost.
+// Returns the proof that the heartbeat has ended, or an empty text without one. The first loss that the
+// daemon notices ends the heartbeat for good, and each of these signs shows a loss. A DAEMON process is
+// started only after its loss.
 static std::string find_heartbeat_end(const status_look_st& look)
 {
     for (const status_process_st& process : look.report.processes) {
@@ -217,13 +224,13 @@ static std::string find_heartbeat_end(const status_look_st& look)
             return in_quotes(process.name) + " was lost and started again";
         }
     }
-    return look.kernel.lunet == 0 ? "no lunet runs" : "";
+    return look.kernel.lunet == 0 ? "lunet is not running" : "";
 }
 
 static void judge_heartbeat(status_look_st* look)
 {
     if (look->exchange.answer == status_answer::NO_DAEMON) {
-        look->heartbeat_ended = 1;  // there is no sender; the missing daemon is the problem
+        look->heartbeat_ended = 1;  // there is no sender, but the missing daemon is already a problem
     } else if (look->exchange.answer != status_answer::NO_RIGHT) {
         const std::string end = find_heartbeat_end(*look);
         if (!end.empty()) {
@@ -237,7 +244,7 @@ static void judge_heartbeat(status_look_st* look)
 
 static void judge_answer(status_look_st* look)
 {
-    static constexpr std::array CODES = {"", "no-daemon", "no-answer", "no-right"};
+    static constexpr std::array CODES = {"", "no-daemon", "no-answer", "no-right"};  // as in status_answer
     if (look->exchange.answer != status_answer::WHOLE) {
         add(look, CODES.at(static_cast<size_t>(look->exchange.answer)), look->exchange.reason);
     }
@@ -251,6 +258,7 @@ void status_judge(const std::vector<std::string>& allowed, status_look_st* look)
     judge_limits(look);
     judge_failover(look);
     judge_heartbeat(look);
+    // The worst problems come first; those of one severity keep their order.
     std::vector<status_problem_st> found;
     found.swap(look->problems);
     for (status_problem_st& problem : found) {
@@ -266,7 +274,7 @@ void status_judge(const std::vector<std::string>& allowed, status_look_st* look)
     }
 }
 
-// A record that is whole may still hold no report.
+// A whole record may still hold something other than a report.
 static void read_reports(status_look_st* look)
 {
     status_exchange_st& exchange = look->exchange;
@@ -276,7 +284,7 @@ static void read_reports(status_look_st* look)
         !exchange.config.empty() && status_read_config(exchange.config, &look->report) == 0;
     if (exchange.answer == status_answer::WHOLE && !(has_status && has_config)) {
         exchange.answer = status_answer::NO_ANSWER;
-        exchange.reason = "the daemon's answer is no report";
+        exchange.reason = "the daemon's answer is not a report";
     }
 }
 
@@ -290,8 +298,8 @@ status_look_st status_take_look(status_clock::duration timeout, const std::vecto
     return look;
 }
 
-// A sampling daemon has left its start-up: that decides also where lines are missing. Before that, the starts
-// are counted: the first sample comes seconds after the last start.
+// A daemon that samples has left its start-up, even if lines of its report are missing. The first sample may
+// come seconds after the last start, so until then the starts of the processes are looked at.
 bool status_has_started(const status_look_st& look)
 {
     const auto& processes = look.report.processes;

@@ -157,9 +157,9 @@ TEST_F(StatusSandbox, WhoeverListensTheAnswerIsKnown)
         {1, last_words, "Connection refused\n"},  // and no process of a daemon that has ended
         {1, "", "closed the connection without an answer"},
         {1, "Halvo: Status:\n", "in the middle"},
-        {1, std::string(8192, 'x'), "is no report"},
-        {1, std::string(8196, '\0'), "is no report"},
-        {2, "junk\n" + std::string(8187, '\0'), "is no report"}};
+        {1, std::string(8192, 'x'), "is not a report"},
+        {1, std::string(8196, '\0'), "is not a report"},
+        {2, "junk\n" + std::string(8187, '\0'), "is not a report"}};
     for (auto [requests, answer, reason] : answers) {
         const host_fd listener{listen_as(0)};
         const pid_t pid = start(HALVO_STATUS " --check >/tmp/out");
