@@ -1,8 +1,9 @@
-// halvo-peer: hears the heartbeat of the other VM's daemon, tells when it is lost and when it is back, and
-// measures it. It is a program of its own: it neither needs nor touches a daemon on this VM.
+// halvo-peer: listens for the heartbeat of the other VM's daemon, tells when it is lost and when it is back,
+// and measures it. It is a program of its own: it neither needs nor touches a daemon on this VM.
 //
 // One thread and one loop. A turn reads the clock, then empties the socket, and judges the silence by that
-// reading: all that came before it has been heard then, however long this program was stopped, and wherever.
+// reading of the clock. By then every datagram that came before the reading has been counted, however long
+// this program was stopped, and at whatever point. All times are in nanoseconds on the monotonic clock.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -32,12 +33,12 @@ struct peer_st {
     halvo_peer_count_st count;
     halvo_peer_hook_st hook;
     int signal_fd;
-    int64_t now;          // of this turn: every datagram before it was heard
-    int64_t end;          // when a measurement ends, INT64_MAX without one
+    int64_t now;          // the clock's reading of this turn; every datagram before it was counted
+    int64_t end;          // when a measurement ends; INT64_MAX without one
     int64_t next_second;  // when the text file is due
-    int seconds;          // that have passed
-    bool ended;           // by a signal
-    bool file_failing;
+    int seconds;          // those served so far
+    bool ended;           // by a signal, or because the measurement is over
+    bool file_failing;    // the text file's last write failed, and this has been logged
 };
 
 static bool is_measurement(const peer_st& peer)
@@ -45,7 +46,7 @@ static bool is_measurement(const peer_st& peer)
     return peer.options.duration != 0;
 }
 
-// A measurement prints one line, at its end.
+// A measurement reports no changes: it prints one line, at its end.
 static void say_change(const peer_st& peer, int64_t now)
 {
     if (!is_measurement(peer)) {
@@ -53,7 +54,8 @@ static void say_change(const peer_st& peer, int64_t now)
     }
 }
 
-// The socket would take the place of a closed standard descriptor, and the lines would go out through it.
+// Opens descriptors 0 to 2 where they are closed. Otherwise the socket could become standard output or
+// standard error, and the lines would be sent through it.
 static void keep_standard_descriptors()
 {
     int fd = 0;
@@ -63,7 +65,8 @@ static void keep_standard_descriptors()
     close(fd);
 }
 
-// Signals come through a descriptor. Returns 0 or -1 with errno.
+// Signals come through a descriptor, so that one ppoll(2) waits for them and for datagrams. See signalfd(2).
+// Returns 0, or -1 with errno.
 static int open_signals(peer_st* peer)
 {
     sigset_t signals;
@@ -71,13 +74,16 @@ static int open_signals(peer_st* peer)
     for (const int signal_number : {SIGCHLD, SIGINT, SIGTERM, SIGUSR1}) {
         sigaddset(&signals, signal_number);
     }
-    signal(SIGPIPE, SIG_IGN);  // a reader of our lines that is gone ends nothing
-    signal(SIGCHLD, SIG_DFL);  // ignored, as a parent may leave it, it would keep the command's end from us
+    // The loss of the reader of our lines must not end this program.
+    signal(SIGPIPE, SIG_IGN);
+    // A parent may leave SIGCHLD ignored. The kernel would then reap the command itself, see wait(2).
+    signal(SIGCHLD, SIG_DFL);
     sigprocmask(SIG_BLOCK, &signals, &peer->hook.mask);
     peer->signal_fd = signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC);
     return peer->signal_fd == -1 ? -1 : 0;
 }
 
+// The caller of a measurement reads its verdict on standard output, an operator the log.
 static void say_failure(const peer_st& peer, const std::string& text)
 {
     if (is_measurement(peer)) {
@@ -87,7 +93,7 @@ static void say_failure(const peer_st& peer, const std::string& text)
     }
 }
 
-// Returns 0, or -1 after it has said why.
+// Returns 0, or -1 after a message.
 static int start(peer_st* peer)
 {
     keep_standard_descriptors();
@@ -107,30 +113,32 @@ static int start(peer_st* peer)
     peer->next_second = now + SECOND;
     peer->hook.command = peer->options.command;
     if (!peer->hook.command.empty()) {
+        // The place of the state and the final null, see halvo_peer_hook_st.
         peer->hook.command.insert(peer->hook.command.end(), 2, nullptr);
     }
     sd_notify(0, "READY=1\nSTATUS=nothing heard yet");
     return 0;
 }
 
-// The descriptors wake it earlier. Returns the time that it meant to sleep until: a later one shows that this
-// program was held up.
+// Waits for a descriptor, but no longer than until the next thing is due, and returns when that is. If the
+// clock shows a much later time afterwards, this program was held up.
 static int64_t wait_for_event(const peer_st& peer)
 {
     const int64_t until = std::min({halvo_peer_deadline(peer.count), peer.next_second, peer.end});
     const int64_t patience = std::max<int64_t>(until - halvo_peer_now(), 0);
     const timespec timeout = {.tv_sec = patience / SECOND, .tv_nsec = patience % SECOND};
     std::array<pollfd, 2> sources = {{{peer.socket.fd, POLLIN, 0}, {peer.signal_fd, POLLIN, 0}}};
+    // The result does not matter: the turn looks at everything anyway, and neither descriptor blocks.
     ppoll(sources.data(), sources.size(), &timeout, nullptr);
     return until;
 }
 
-// The silence before a datagram is judged before it is counted: several may come in one batch, and a loss
-// between two of them would be missed.
+// The silence before a datagram is judged before the datagram is counted. Several may come in one batch, and
+// a loss between two of them would otherwise be missed.
 static void take_datagram(peer_st* peer, const halvo_peer_datagram_st& datagram)
 {
     const in_addr_t from = peer->options.from.s_addr;
-    if (!datagram.shaped || (from != INADDR_ANY && from != datagram.sender.s_addr)) {
+    if (!datagram.is_heartbeat || (from != INADDR_ANY && from != datagram.sender.s_addr)) {
         ++peer->count.foreign;
         return;
     }
@@ -142,8 +150,8 @@ static void take_datagram(peer_st* peer, const halvo_peer_datagram_st& datagram)
     }
 }
 
-// Takes every datagram that came before `now`, and stops there: under a flood the queue is never empty.
-// Returns 0 or -1.
+// Takes every datagram that came before `now`, and then stops: under a flood the queue would never be empty.
+// Returns 0, or -1 with a message.
 static int take_datagrams(peer_st* peer, int64_t now)
 {
     std::array<halvo_peer_datagram_st, 32> datagrams;
@@ -161,8 +169,8 @@ static int take_datagrams(peer_st* peer, int64_t now)
     return 0;
 }
 
-// A silence during which this program itself was held up until its queue was full says nothing of the other
-// VM.
+// Reports datagrams that the kernel dropped since the last call. `late`: this program was held up until its
+// queue was full, so the silence in that time says nothing about the other VM.
 static void look_for_overflow(peer_st* peer, int64_t now, bool late)
 {
     const uint32_t dropped = halvo_peer_dropped(&peer->socket);
@@ -174,9 +182,10 @@ static void look_for_overflow(peer_st* peer, int64_t now, bool late)
     }
     halvo_peer_say(SD_WARNING, "the queue was full, %u datagrams were dropped: %s", dropped,
                    late ? "this program was held up and counts the silence from now on"
-                        : "the gaps of this moment may be its own");
+                        : "this program may have caused the gaps of this moment itself");
 }
 
+// SIGINT and SIGTERM end the loop after this turn, so that a measurement still prints its line.
 static void serve_signals(peer_st* peer, int64_t now)
 {
     signalfd_siginfo info{};
@@ -191,7 +200,8 @@ static void serve_signals(peer_st* peer, int64_t now)
     }
 }
 
-// The next second is counted from the planned one, not from now: the file's age would otherwise drift.
+// The next second is counted from the planned one, not from now, so that the writes do not drift. Seconds
+// that were slept through are skipped.
 static void serve_second(peer_st* peer, int64_t now)
 {
     peer->next_second = now + SECOND - (now - peer->next_second) % SECOND;
@@ -204,7 +214,7 @@ static void serve_second(peer_st* peer, int64_t now)
     }
 }
 
-// Returns 0 or -1.
+// One turn of the loop. Returns 0, or -1 with a message when the socket cannot be read.
 static int take_turn(peer_st* peer)
 {
     const int64_t planned = wait_for_event(*peer);
@@ -212,6 +222,7 @@ static int take_turn(peer_st* peer)
     if (take_datagrams(peer, now) == -1) {
         return -1;
     }
+    // Before the silence is judged: a loss that this program caused itself must not be reported.
     if (now - planned > HALVO_PEER_GAP) {
         look_for_overflow(peer, now, true);
     }
@@ -244,7 +255,8 @@ int main(int argc, char** argv)
     }
     sd_notify(0, "STOPPING=1");
     if (!peer.options.textfile.empty()) {
-        unlink(peer.options.textfile.c_str());  // figures that are no longer renewed would look like news
+        // Figures that are no longer renewed would pass for fresh ones.
+        unlink(peer.options.textfile.c_str());
     }
     return is_measurement(peer) ? halvo_peer_print_line(peer.count, peer.now) : 0;
 }

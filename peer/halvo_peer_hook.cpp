@@ -9,8 +9,9 @@
 
 #include "halvo_peer_report.h"
 
-// By the PATH, and with the signal mask of the start. Returns 0 or the error's number. SIGPIPE, which this
-// program ignores, is reset.
+// Starts the command, which is looked up in PATH. It gets the signal mask that this program was started
+// with, and the default action of SIGPIPE, which this program ignores. Returns 0, or an error number. Not
+// fork(2), which would not tell the parent why an exec failed. See posix_spawn(3).
 static int spawn(halvo_peer_hook_st* hook)
 {
     posix_spawnattr_t attributes;
@@ -34,11 +35,11 @@ void halvo_peer_tell(halvo_peer_hook_st* hook, halvo_peer_state_en state)
     if (hook->command.empty() || hook->pid != 0 || hook->told == state || state == PEER_UNDECIDED) {
         return;
     }
-    hook->told = state;  // also when it fails: one message is enough
+    hook->told = state;  // even if the start fails: one message is enough
     hook->command[hook->command.size() - 2] = const_cast<char*>(halvo_peer_word(state));
     const int failure = spawn(hook);
     if (failure != 0) {
-        hook->pid = 0;
+        hook->pid = 0;  // posix_spawn(3) leaves it undefined
         halvo_peer_say(SD_ERR, "%s cannot be run: %s", hook->command[0], strerror(failure));
     }
 }
@@ -46,6 +47,7 @@ void halvo_peer_tell(halvo_peer_hook_st* hook, halvo_peer_state_en state)
 void halvo_peer_reap(halvo_peer_hook_st* hook)
 {
     int status = 0;
+    // Only the command is reaped: this program may have inherited other children through its exec.
     if (hook->pid == 0 || waitpid(hook->pid, &status, WNOHANG) != hook->pid) {
         return;
     }

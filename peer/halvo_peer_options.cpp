@@ -18,9 +18,9 @@ static constexpr const char* USAGE =
 static constexpr const char* HELP =
     "Hears the other VM's heartbeat on UDP port 54321. Lost is not dead: see halvo-peer(8).\n"
     "  --from ADDRESS    believe this sender only\n"
-    "  --listen ADDRESS  hear at this address of this VM only\n"
-    "  --lost MS         lost after so many milliseconds of silence, 100 to 3600000 (500)\n"
-    "  --back COUNT      up after so many heartbeats without a gap, 1 to 1000000 (20)\n"
+    "  --listen ADDRESS  accept only datagrams to this address of this VM\n"
+    "  --lost MS         lost after this many milliseconds of silence, 100 to 3600000 (500)\n"
+    "  --back COUNT      up after this many heartbeats without a gap, 1 to 1000000 (20)\n"
     "  --textfile FILE   rewrite FILE every second, for a node exporter\n"
     "  --for SECONDS     measure for 1 to 86400 seconds, print one line and exit:\n"
     "                    0 nothing missing, 1 gaps, 2 lost or nothing came, 3 not measured\n"
@@ -36,17 +36,18 @@ static const std::array<option, 9> long_options = {{{"from", required_argument, 
                                                     {"version", no_argument, nullptr, 'v'},
                                                     {}}};
 
+// Returns false with a message. inet_pton(3) refuses short forms such as "10.1", which are mostly slips.
 static bool parse_address(const char* text, in_addr* address)
 {
     if (inet_pton(AF_INET, text, address) == 1) {
         return true;
     }
-    fprintf(stderr, "halvo-peer: %s is no numeric IPv4 address\n", text);
+    fprintf(stderr, "halvo-peer: %s is not a numeric IPv4 address\n", text);
     return false;
 }
 
-// A whole number from low to high, stored in `unit`s: seconds become nanoseconds. Returns false with a
-// message.
+// Stores a whole number from low to high, multiplied by `unit`, which turns seconds into nanoseconds.
+// Returns false with a message.
 template <typename Number>
 static bool parse_number(const char* text, Number low, Number high, Number unit, Number* value)
 {
@@ -54,8 +55,8 @@ static bool parse_number(const char* text, Number low, Number high, Number unit,
     const char* end = text + strlen(text);
     const auto [rest, error] = std::from_chars(text, end, number);
     if (error != std::errc() || rest != end || number < low || number > high) {
-        fprintf(stderr, "halvo-peer: %s is no number from %s to %s\n", text, std::to_string(low).c_str(),
-                std::to_string(high).c_str());
+        fprintf(stderr, "halvo-peer: %s is not a whole number from %s to %s\n", text,
+                std::to_string(low).c_str(), std::to_string(high).c_str());
         return false;
     }
     *value = number * unit;
@@ -86,7 +87,7 @@ static bool take_option(int letter, halvo_peer_options_st* options)
 int halvo_peer_parse(int argc, char** argv, halvo_peer_options_st* options)
 {
     int letter = 0;
-    // "+": the options after COMMAND are the command's.
+    // "+" ends the options at COMMAND: those that follow are the command's own. See getopt_long(3).
     while ((letter = getopt_long(argc, argv, "+", long_options.data(), nullptr)) != -1) {
         if (letter == 'h') {
             printf("%s%s", USAGE, HELP);
@@ -103,7 +104,7 @@ int halvo_peer_parse(int argc, char** argv, halvo_peer_options_st* options)
     }
     options->command.assign(argv + optind, argv + argc);
     if (options->duration != 0 && !options->command.empty()) {
-        fprintf(stderr, "halvo-peer: --for runs no command\n%s", USAGE);
+        fprintf(stderr, "halvo-peer: --for takes no command\n%s", USAGE);
         return HALVO_PEER_UNKNOWN;
     }
     return -1;

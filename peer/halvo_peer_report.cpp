@@ -33,6 +33,7 @@ void halvo_peer_say(const char* priority, const char* format, ...)
     va_end(args);
 }
 
+// Returns a formatted text. The bound is well above the longest text here.
 [[gnu::format(printf, 1, 2)]] static std::string text_of(const char* format, ...)
 {
     std::array<char, 2048> text{};
@@ -43,6 +44,7 @@ void halvo_peer_say(const char* priority, const char* format, ...)
     return text.data();
 }
 
+// The figures in words, for a line in the log, the plugin's line and systemd.
 static std::string figures_text(const halvo_peer_count_st& count, int64_t now)
 {
     const halvo_peer_figures_st figures = halvo_peer_figures(count, now);
@@ -64,7 +66,7 @@ void halvo_peer_say_change(const halvo_peer_count_st& count, int64_t now)
 {
     const std::string figures = figures_text(count, now);
     if (count.state == PEER_UP) {
-        halvo_peer_say(SD_NOTICE, "up: %" PRIu64 " heartbeats in a row; %s", count.row, figures.c_str());
+        halvo_peer_say(SD_NOTICE, "up: %" PRIu64 " heartbeats in a row; %s", count.in_a_row, figures.c_str());
     } else {
         halvo_peer_say(SD_ALERT, "lost: silent for %.0f ms (lost is not dead); %s",
                        static_cast<double>(now - count.last) / NS_PER_MS, figures.c_str());
@@ -82,7 +84,7 @@ int halvo_peer_print_line(const halvo_peer_count_st& count, int64_t now)
            verdicts.at(static_cast<size_t>(status)), figures_text(count, now).c_str(), count.received,
            figures.missing, static_cast<double>(figures.longest) / NS_PER_S,
            static_cast<double>(figures.jitter_p99) / NS_PER_S);
-    fflush(stdout);
+    fflush(stdout);  // otherwise a pipe would get the line of a SIGUSR1 only at the end
     return status;
 }
 
@@ -90,6 +92,7 @@ static std::string metrics(const halvo_peer_count_st& count, int64_t now)
 {
     const halvo_peer_figures_st figures = halvo_peer_figures(count, now);
     std::string text;
+    // Neither 1 nor 0 would be true before the first change, so there is no sample.
     if (count.state != PEER_UNDECIDED) {
         text += text_of(
             "# HELP halvo_peer_up Whether the other VM's heartbeat is heard.\n"
@@ -105,11 +108,11 @@ static std::string metrics(const halvo_peer_count_st& count, int64_t now)
         "\n"
         "# HELP halvo_peer_gap_max_seconds The longest silence since the start.\n"
         "# TYPE halvo_peer_gap_max_seconds gauge\nhalvo_peer_gap_max_seconds %.6f\n"
-        "# HELP halvo_peer_foreign_total Datagrams that are no heartbeat of the other VM.\n"
+        "# HELP halvo_peer_foreign_total Datagrams that are not heartbeats of the other VM.\n"
         "# TYPE halvo_peer_foreign_total counter\nhalvo_peer_foreign_total %" PRIu64 "\n",
         count.received, figures.gaps, static_cast<double>(figures.longest) / NS_PER_S, count.foreign);
     text += text_of(
-        "# HELP halvo_peer_jitter_seconds How far intervals that are no gap are from 50 ms.\n"
+        "# HELP halvo_peer_jitter_seconds Deviation from 50 ms of the intervals that are not gaps.\n"
         "# TYPE halvo_peer_jitter_seconds summary\n"
         "halvo_peer_jitter_seconds{quantile=\"0.5\"} %.5f\n"
         "halvo_peer_jitter_seconds{quantile=\"0.99\"} %.5f\n"
@@ -121,8 +124,8 @@ static std::string metrics(const halvo_peer_count_st& count, int64_t now)
     return text;
 }
 
-// Returns 0, or -1 with errno. Always the same second name, so that a crash leaves one file over at most. A
-// link of that name is not followed: the directory may belong to another user.
+// Returns 0, or -1 with errno. The new file always has the same name, so that a crash leaves at most one
+// file over. A link of that name is not followed, because the directory may belong to another user.
 static int replace_file(const std::string& path, const std::string& text)
 {
     const std::string fresh = path + ".new";
@@ -130,7 +133,7 @@ static int replace_file(const std::string& path, const std::string& text)
     if (fd == -1) {
         return -1;
     }
-    errno = ENOSPC;                                     // for a write that takes a part only
+    errno = ENOSPC;                                     // for a write that takes only a part
     const bool written = fchmod(fd, FILE_MODE) == 0 &&  // whatever the umask
                          write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     const int failure = errno;

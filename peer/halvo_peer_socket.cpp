@@ -12,13 +12,14 @@
 #include <utility>
 
 static constexpr int64_t SECOND = 1'000'000'000;
-static constexpr int64_t TOGETHER = 20'000;        // two clocks read within this time count as read at once
-static constexpr int64_t ON_ITS_WAY = 20'000'000;  // from the stamp into the queue, on a busy machine
+static constexpr int64_t TOGETHER = 20'000;        // ns between two readings that count as one moment
+static constexpr int64_t ON_ITS_WAY = 20'000'000;  // ns from the stamp into the queue, on a busy machine
 static constexpr int QUEUE_SIZE = 1 << 20;         // bytes asked for; the kernel grants net.core.rmem_max
 static constexpr size_t BATCH = 32;                // datagrams of one read
 static constexpr std::array<unsigned char, 4> HEARTBEAT = {0xAB, 0xBA, 0xDC, 0xFE};
 
-// Where the kernel puts one datagram: one byte more than a heartbeat has, to know a longer one.
+// The place for one datagram. It has one byte more than a heartbeat, so that a longer datagram is not cut to
+// the length of one.
 struct slot_st {
     std::array<unsigned char, HEARTBEAT.size() + 1> bytes;
     sockaddr_in sender;
@@ -43,8 +44,8 @@ int64_t halvo_peer_now()
     return read_clock(CLOCK_MONOTONIC);
 }
 
-// How far the wall clock is from the monotonic one. The best of a few looks: this program may be put aside
-// between the reading of one clock and of the other.
+// Returns how far the wall clock is ahead of the monotonic one. Takes the best of a few looks, because the
+// kernel may stop this program between the readings of the two clocks.
 static int64_t clock_distance()
 {
     int64_t distance = 0;
@@ -70,7 +71,7 @@ int halvo_peer_open(halvo_peer_socket_st* peer_socket, in_addr listen)
     if (fd == -1) {
         return -1;
     }
-    // A smaller queue than asked for is no failure.
+    // A smaller queue than asked for is not a failure. See socket(7).
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &QUEUE_SIZE, sizeof(QUEUE_SIZE));
     *peer_socket = {.fd = fd, .distance = clock_distance(), .emptied = halvo_peer_now(), .dropped = 0};
     if (setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof(on)) == -1 ||
@@ -83,7 +84,8 @@ int halvo_peer_open(halvo_peer_socket_st* peer_socket, in_addr listen)
     return 0;
 }
 
-// The kernel's stamp on the wall clock, 0 without one.
+// Returns the kernel's stamp, in nanoseconds on the wall clock, or 0 without one. See SO_TIMESTAMPNS and
+// cmsg(3).
 static int64_t stamp_of(msghdr* message)
 {
     for (cmsghdr* part = CMSG_FIRSTHDR(message); part != nullptr; part = CMSG_NXTHDR(message, part)) {
@@ -96,6 +98,8 @@ static int64_t stamp_of(msghdr* message)
     return 0;
 }
 
+// Converts a stamp to the monotonic clock, by the attempts that the header describes. The two allowances are
+// for readings of the clocks that are right but not simultaneous.
 static int64_t arrival_of(const halvo_peer_socket_st& peer_socket, int64_t stamp, int64_t distance,
                           int64_t now)
 {
@@ -108,6 +112,7 @@ static int64_t arrival_of(const halvo_peer_socket_st& peer_socket, int64_t stamp
     return now;
 }
 
+// Points each message at its slot, as recvmmsg(2) needs it.
 static void prepare(std::span<slot_st> slots, std::span<mmsghdr> messages)
 {
     for (size_t i = 0; i < slots.size(); ++i) {
@@ -129,6 +134,7 @@ int halvo_peer_receive(halvo_peer_socket_st* peer_socket, std::span<halvo_peer_d
     std::array<mmsghdr, BATCH> messages;
     const size_t wanted = std::min(datagrams.size(), slots.size());
     prepare(std::span(slots).first(wanted), messages);
+    // Taken before the read: whatever a later read finds in an emptied queue has arrived after this time.
     const int64_t before = halvo_peer_now();
     const int got =
         recvmmsg(peer_socket->fd, messages.data(), static_cast<unsigned>(wanted), MSG_DONTWAIT, nullptr);
@@ -143,8 +149,8 @@ int halvo_peer_receive(halvo_peer_socket_st* peer_socket, std::span<halvo_peer_d
         const int64_t stamp = stamp_of(&messages.at(i).msg_hdr);
         datagrams[i] = {.arrival = arrival_of(*peer_socket, stamp, distance, now),
                         .sender = slot.sender.sin_addr,
-                        .shaped = messages.at(i).msg_len == HEARTBEAT.size() &&
-                                  memcmp(slot.bytes.data(), HEARTBEAT.data(), HEARTBEAT.size()) == 0};
+                        .is_heartbeat = messages.at(i).msg_len == HEARTBEAT.size() &&
+                                        memcmp(slot.bytes.data(), HEARTBEAT.data(), HEARTBEAT.size()) == 0};
     }
     if (length < wanted) {
         peer_socket->emptied = before;
@@ -160,5 +166,6 @@ uint32_t halvo_peer_dropped(halvo_peer_socket_st* peer_socket)
     if (getsockopt(peer_socket->fd, SOL_SOCKET, SO_MEMINFO, info.data(), &size) == -1) {
         return 0;
     }
+    // Unsigned, so that the difference is right even after the kernel's counter has wrapped around.
     return info[SK_MEMINFO_DROPS] - std::exchange(peer_socket->dropped, info[SK_MEMINFO_DROPS]);
 }
