@@ -16,8 +16,8 @@ using LogSandbox = Sandbox;
 
 static constexpr sockaddr_un LOG_ADDRESS{AF_UNIX, "/dev/log"};
 
-// Replaces the host's log with a socket that nobody reads. Its queue holds 11 lines, as without an init system,
-// or one connection.
+// Replaces the host's log with a socket that nobody reads. Its queue holds 11 lines, as without an init
+// system, or one connection.
 static int take_over_log(int type)
 {
     std::ofstream("/proc/sys/net/unix/max_dgram_qlen") << 10;
