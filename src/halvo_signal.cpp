@@ -89,5 +89,8 @@ int halvo_signal_init()
 int halvo_signal_start()
 {
     pthread_t tid{};
-    return pthread_create(&tid, nullptr, halvo_signal_thread, nullptr) == 0 ? pthread_detach(tid) : -1;
+    if (pthread_create(&tid, nullptr, halvo_signal_thread, nullptr) != 0) {
+        return -1;
+    }
+    return pthread_detach(tid) == 0 ? 0 : -1;
 }

@@ -11,8 +11,8 @@
 // other thread exists.
 int halvo_signal_init();
 
-// Starts the thread that waits for the signals; until then they stay pending. Returns 0, or another value,
-// not logged, when that fails. Main thread, once.
+// Starts the thread that waits for the signals; until then they stay pending. Returns 0 or -1, not logged.
+// Main thread, once.
 int halvo_signal_start();
 
 // Calls the callbacks of a signal's rows, one after the other. Runs as a plain function on the signal
