@@ -71,8 +71,8 @@ static bool is_started_up(const status_report_st& report)
     return report.memory_total.value_or(0) > 0;
 }
 
-// A process that was never found is lost only when the daemon has had the time to look for it. Its type must
-// be known, because a NORMAL process may still wait for the scripts of the processes before it.
+// A process that was never found is lost only when the daemon has had the time to look for it. During the
+// start-up its type must be known too: a NORMAL process may still wait for the scripts of those before it.
 static bool is_lost(const status_look_st& look, const status_process_st& process)
 {
     if (process.state != UNKNOWN) {
@@ -81,7 +81,7 @@ static bool is_lost(const status_look_st& look, const status_process_st& process
     const status_report_st& report = look.report;
     const bool had_time = report.monitor_interval.has_value() && look.kernel.age.has_value() &&
                           *look.kernel.age >= *report.monitor_interval + LOOKING_TIME;
-    return had_time && process.type.has_value() && (process.type != NORMAL || is_started_up(report));
+    return had_time && (process.type.value_or(NORMAL) != NORMAL || is_started_up(report));
 }
 
 static void judge_processes(status_look_st* look)
@@ -211,8 +211,8 @@ static void judge_limits(status_look_st* look)
 }
 
 // Returns the proof that the heartbeat has ended, or an empty text without one. The first loss that the
-// daemon notices ends the heartbeat for good, and each of these signs shows a loss. A DAEMON process is
-// started only after its loss.
+// daemon notices ends the heartbeat for good, and each of these signs shows a loss. No process, of known type
+// or not, is started twice without a loss, and a DAEMON process not even once.
 static std::string find_heartbeat_end(const status_look_st& look)
 {
     for (const status_process_st& process : look.report.processes) {
@@ -220,7 +220,7 @@ static std::string find_heartbeat_end(const status_look_st& look)
         if (process.state == TERMINATED) {
             return in_quotes(process.name) + " is terminated";
         }
-        if ((process.type == NORMAL && starts >= 2) || (process.type == DAEMON && starts >= 1)) {
+        if (starts >= (process.type == DAEMON ? 1 : 2)) {
             return in_quotes(process.name) + " was lost and started again";
         }
     }
