@@ -1,6 +1,7 @@
 // halvo-status: the verdict that a report and the kernel lead to, and the output for a real daemon, a dead
 // one, a silent one and a stranger.
 
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <algorithm>
@@ -139,6 +140,13 @@ TEST_F(StatusSandbox, ARealDaemonIsSeenInEachOfItsStates)
     EXPECT_EQ(
         print_json("d['status'], d['watchdog']['armed'], d['processes'][0]['type'], d['daemon']['pid']"),
         "OK True normal " + std::to_string(daemon) + "\n");
+    // With the daemon's descriptors hidden: their links first, then their directory too.
+    chmod(HALVO_SOCKET, 0666);
+    for (const std::string rights : {"--bounding-set=-sys_ptrace", "--reuid=65534 --clear-groups"}) {
+        const run_result poor = run("setpriv " + rights + " " HALVO_STATUS " --check");
+        EXPECT_TRUE(poor.status == 0 && poor.output.find("s, failover unknown|") != std::string::npos)
+            << poor.output;
+    }
 
     kill(find_process("worker"), SIGKILL);
     vm->wait_for(LOG_ALERT, "Process 'w' terminated; *");
