@@ -125,11 +125,13 @@ static std::string metrics(const halvo_peer_count_st& count, int64_t now)
 }
 
 // Returns 0, or -1 with errno. The new file always has the same name, so that a crash leaves at most one
-// file over. A link of that name is not followed, because the directory may belong to another user.
+// file over. A link of that name is not followed and a FIFO not waited for, because the directory may belong
+// to another user.
 static int replace_file(const std::string& path, const std::string& text)
 {
     const std::string fresh = path + ".new";
-    const int fd = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, FILE_MODE);
+    const int fd =
+        open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, FILE_MODE);
     if (fd == -1) {
         return -1;
     }

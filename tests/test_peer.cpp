@@ -1,7 +1,10 @@
 // halvo-peer: the counting of silences, and the executable's reaction to a sender.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <sstream>
 
 #include "halvo_peer_count.h"
@@ -58,7 +61,10 @@ TEST_F(PeerSandbox, TellsChangesInOrderAndBelievesOnlyTheOtherVm)
     };
     const auto measure = [] { return run("sh -c '" HALVO_PEER " --for 1; echo $?'").output; };
     write_file("/tmp/hook", "#!/bin/sh\necho $* >>/tmp/told; until [ -e /tmp/end ]; do sleep .1; done", 0755);
+    mkfifo("/tmp/f.new", 0600);  // by a stranger whose directory it is; nobody reads it
     const pid_t peer = start(HALVO_PEER " --from 127.0.0.1 --textfile /tmp/f /tmp/hook a 2>/tmp/err");
+    wait_for("/tmp/err", "/tmp/f cannot be written");
+    remove("/tmp/f.new");
     wait_for("/tmp/f", "halvo_peer_up 0\n");
     beat(".05");
     wait_for("/tmp/f", "halvo_peer_up 1\n");
