@@ -126,8 +126,8 @@ static void judge_failover(status_look_st* look)
     }
 }
 
-// Returns true when a child's command line is the configured command, or ends with it: the kernel puts an
-// interpreter's name before the command of a script, see execve(2).
+// Returns true when a child's command line is the configured command, or ends with it: for a script the
+// kernel puts the interpreter's name in front, and the path that the script was found by, see execve(2).
 static bool runs_command(const std::string& child, const std::string& configured)
 {
     const std::string command = status_join_words(configured);
@@ -137,7 +137,7 @@ static bool runs_command(const std::string& child, const std::string& configured
     if (configured.size() >= CUT_COMMAND) {  // the command's end may be missing
         return child.find(command) != std::string::npos;
     }
-    return child == command || child.ends_with(" " + command);
+    return child == command || child.ends_with(" " + command) || child.ends_with("/" + command);
 }
 
 // The daemon runs pidof(8) through popen(3). The shell either execs pidof or waits for it, and newer C
