@@ -318,8 +318,10 @@ void* halvo_heartbeat_thread(void* thread_arg)
 {
     auto* vm_info = static_cast<halvo_vm_info_st*>(thread_arg);
     file_watch_st file_watch{};
-    halvo_be_punctual();
+    // The priority comes last: the set-up, which runs pidof, would take the processor from the processes that
+    // start at the same time.
     start_heartbeat(vm_info, &file_watch);
+    halvo_be_punctual();
     while (true) {
         serve_next_event(vm_info, file_watch);
     }
