@@ -177,7 +177,7 @@ static void* halvo_log_thread(void*)
     }
 }
 
-void halvo_log_open()
+void halvo_log_use_ring()
 {
     halvo_store(halvo_log_sink_g, queue_line);
 }

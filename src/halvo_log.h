@@ -34,7 +34,7 @@ halvo_log_sink halvo_syslog_line;
 inline halvo_log_sink* halvo_log_sink_g = halvo_syslog_line;
 
 // Lets every line go to the ring from now on. Main thread, before any other thread exists.
-void halvo_log_open();
+void halvo_log_use_ring();
 
 // Starts the thread that opens the log as "halvo", LOG_USER, with LOG_PID, LOG_CONS and LOG_NDELAY, see
 // openlog(3), and empties the ring. Returns 0 or -1, not logged. Main thread, once.

@@ -132,7 +132,7 @@ static unsigned start_server()
 {
     mallopt(M_ARENA_MAX, 1);  // with one heap per thread, every fork would copy them all
     open_standard_descriptors();
-    halvo_log_open();
+    halvo_log_use_ring();
     if (halvo_is_daemon_running()) {  // a second daemon would start every process again
         halvo_fatal_exit("Process manager is already running. Process manager is exiting\n");
     }
