@@ -1,4 +1,4 @@
-// Fakes a limit of 2^20 descriptors, as many service managers set it, where the machine does not allow one.
+// Fakes the limit of 2^20 descriptors that many service managers set, where the machine does not allow it.
 
 #include <unistd.h>
 

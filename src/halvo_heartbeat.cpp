@@ -318,8 +318,8 @@ void* halvo_heartbeat_thread(void* thread_arg)
 {
     auto* vm_info = static_cast<halvo_vm_info_st*>(thread_arg);
     file_watch_st file_watch{};
-    // The priority comes last: the set-up, which runs pidof, would take the processor from the processes that
-    // start at the same time.
+    // Called only after the set-up, which forks for pidof: at that priority it would take the processor from
+    // the processes that start at the same time.
     start_heartbeat(vm_info, &file_watch);
     halvo_be_punctual();
     while (true) {

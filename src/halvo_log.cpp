@@ -30,8 +30,9 @@ struct line_head_st {
 static std::mutex ring_lock;
 static pthread_cond_t ring_changed = PTHREAD_COND_INITIALIZER;
 static std::array<char, RING_SIZE> ring;
-// Both count on beyond the ring's size, so that their difference is the number of bytes in use. Both return
-// to 0 when the ring is empty, so that only as many of its pages are touched as the longest queue needed.
+// Both keep counting past the ring's size, so that their difference is the number of bytes in use. Both
+// return to 0 when the ring is empty, so that only as many of its pages are touched as the longest queue
+// needed.
 static size_t ring_begin;
 static size_t ring_end;
 static size_t ring_limit = RING_SIZE - RING_RESERVE;
@@ -98,7 +99,7 @@ static bool put_line(pid_t pid, int priority, const char* text)
     return true;
 }
 
-// The sink of the daemon. Never waits for anything but the ring lock, which is held for a copy.
+// The sink of the daemon. Never waits for anything but the ring lock, which is held only for one copy.
 static void queue_line(pid_t pid, int priority, const char* text)
 {
     {

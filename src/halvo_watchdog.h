@@ -15,11 +15,12 @@
 
 // Opens the device, programs wd_timeout (seconds) and permits keepalives. Returns 0, also when
 // vm_failover_flag is DISABLE and nothing is opened, or -1 with a message, the device then disarmed and
-// closed. Main thread at start-up, control thread later; never while the device is open.
+// closed. Main thread, once, at start-up.
 int halvo_watchdog_init(halvo_vm_info_st* vm_info);
 
 // Arms the device like halvo_watchdog_init(), whatever vm_failover_flag says, and then sets that flag to
-// ENABLE, even after a failure. Returns 0, or -1 with a message. Control thread, without the table lock.
+// ENABLE, even after a failure. Returns 0, or -1 with a message. Control thread, without the table lock;
+// never while the device is open.
 int halvo_switch_failover_on(halvo_vm_info_st* vm_info);
 
 // Stops the keepalives, then disarms and closes the device. Returns 0, or -1 with a message when it was not

@@ -8,8 +8,8 @@
 #include <array>
 #include <cstdio>
 
-// Splits like halvo_split_command(), which is not used because it yields an array of words, and only the
-// first 1023 characters.
+// Splits like halvo_split_command(), which is not used because it yields an array of words and ignores all
+// but the first 1023 characters.
 std::string status_join_words(std::string_view command)
 {
     std::string words;

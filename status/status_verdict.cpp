@@ -10,7 +10,7 @@
 #include "status_text.h"
 
 // Seconds. A daemon that has run for one monitoring interval and this much longer counts as having looked
-// for every process. A process that it does not find takes it 3 seconds.
+// for every process. Each process that is not found costs the daemon 3 seconds.
 static constexpr int64_t LOOKING_TIME = 5;
 
 // Characters. A start command of this length fills its line in the configuration report, so its end may have
@@ -126,8 +126,9 @@ static void judge_failover(status_look_st* look)
     }
 }
 
-// Returns true when a child's command line is the configured command, or ends with it: for a script the
-// kernel puts the interpreter's name in front, and the path that the script was found by, see execve(2).
+// Returns true when a child's command line is the configured command, or ends with it. For a script the
+// kernel puts the interpreter in front, and replaces the script's name by the path at which it was found, see
+// execve(2).
 static bool runs_command(const std::string& child, const std::string& configured)
 {
     const std::string command = status_join_words(configured);
@@ -150,7 +151,7 @@ static bool is_pidof(const std::string& command)
 
 // A process has no pid in the report in its first 10 seconds, so it is recognised by its start command. Any
 // other child this old is a script or a pidof, and one of the daemon's threads stands still until that child
-// ends. Without all start commands only a pidof is certain to be none of the processes.
+// ends. Unless all start commands are known, only a pidof is certain to be none of the processes.
 static void judge_children(status_look_st* look)
 {
     const status_report_st& report = look->report;

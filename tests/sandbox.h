@@ -35,7 +35,7 @@ protected:
                                const std::string& start_cmd);
     static std::string read_file(const std::string& path);
 
-    // The rows of a file below data/, of so many columns; a "|" ends each column, a line end each row.
+    // The rows of a file below data/, each of `columns` cells; a "|" ends each cell, a line end each row.
     static std::vector<std::vector<std::string>> read_table(const std::string& name, size_t columns);
 
     // Puts the probe (see probe.cpp) under a name that pidof can find it by.
@@ -52,32 +52,32 @@ protected:
         pid_t parent;
     };
 
-    // All processes, zombies too; and the pid of one of that name that runs, once there is one.
+    // All processes, zombies too; and the pid of a running one with that name, as soon as there is one.
     static std::vector<process> processes();
     static pid_t find_process(const std::string& name);
 
-    // Looks again and again until it holds. Throws std::runtime_error with that text when it does not in
-    // time.
+    // Returns as soon as the condition holds. If it does not hold in time, throws std::runtime_error with
+    // the text `what`.
     static void wait_until(const std::string& what, const std::function<bool()>& holds);
 
     // The fewest descriptors that the process has at any of many looks: those it has at rest.
     static std::ptrdiff_t count_descriptors(pid_t pid);
 
-    // The daemon, its device connected to the host; `environment` is what env(1) takes. What the daemon
-    // says outside the log is looked through for sanitizers' findings when the test ends.
+    // Starts the daemon with its device connected to the host; `environment` is for env(1). When the test
+    // ends, the daemon's output outside the log is searched for sanitizers' findings.
     static pid_t start_daemon(const std::string& environment = "");
 
-    // A command to its end, and the executable with arguments.
+    // Run a command, or halvo with arguments, to its end.
     static run_result run(const std::string& command);
     static run_result run_halvo(const std::string& arguments);
 
     // A client's connection to the daemon; it waits no longer than PATIENCE.
     static int connect_daemon();
 
-    // A socket at the daemon's place, of that user; nobody needs to wait longer than PATIENCE to accept.
+    // A listening socket of that user in the daemon's place; its accept(2) waits no longer than PATIENCE.
     static int listen_as(uid_t user);
 
-    // What the daemon sends back when this arrives, at most a record; nothing when that is not waited for.
+    // The daemon's reply to the request, at most one record; empty without `waits`.
     static std::string exchange(const std::string& request, bool waits = true);
 
     // The text of the daemon's reply to a request of that type.

@@ -203,8 +203,8 @@ TEST_F(ControlSandbox, NobodyComesBetweenTheOperatorAndTheOneDaemon)
     wait_until("an answer", [] { return run_halvo("-s").status == 0; });
 }
 
-// Disarmed at once though a script runs, which holds copies of the daemon's descriptors; armed again before
-// the sleep ends that began with a longer interval.
+// Disarmed at once while a script runs, which must not hold a copy of the device's descriptor; armed again
+// during a sleep that began with a longer interval, and kept alive at once.
 TEST_F(ControlSandbox, FailoverIsSwitchedOffAndOnWhileAScriptRuns)
 {
     const std::string worker =

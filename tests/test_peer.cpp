@@ -12,7 +12,7 @@
 
 using PeerSandbox = Sandbox;
 
-// Runs of heartbeats, each with their number and the microseconds before each heartbeat. Then the expected
+// Runs of heartbeats, each with its length and the microseconds before each heartbeat. Then the expected
 // result if a silence of 500 ms is a loss and 20 heartbeats in a row are a recovery: the changes with their
 // milliseconds, heartbeats, missing/gaps, the longest silence in milliseconds, and the jitter's p50, p99 and
 // maximum in microseconds.

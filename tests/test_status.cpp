@@ -45,7 +45,7 @@ static std::string send_report(const std::string& text)
     return message.c_str();
 }
 
-// The look at what the text says: lines of the kernel's knowledge, then the two reports.
+// Returns the look that the text describes: lines with the kernel's facts, then the two reports.
 static status_look_st look_at(const std::string& text)
 {
     static const std::map<std::string, status_figure status_kernel_st::*> figures = {
@@ -70,8 +70,8 @@ static status_look_st look_at(const std::string& text)
     return look;
 }
 
-// The table: what is replaced in the base, a change a line ("^" is a line end, "@" 1000 characters); "*" is
-// a report with all lines that the daemon has; the codes of the problems.
+// The table: what is replaced in the base, one change per line ("^" is a line end, "@" 1000 characters), or
+// "*" for a report with all lines that the daemon has; the codes of the problems.
 TEST_F(StatusSandbox, EverySituationHasItsCodes)
 {
     const std::string base = read_file(HALVO_DATA "healthy_look.txt");

@@ -34,7 +34,7 @@ static const std::map<std::string, bool> names = {{"plain", true}, {"pre", true}
 static const std::string longer = "/tmp/pre run " + std::string(900, 'x');
 static constexpr std::array addresses{"eth8_0 127.0.0.1 127.0.0.2\n", "eth8_0  \n", "", "eth8_0 300.1 x"};
 
-// The storm gives no cause for lines with these.
+// The storm gives no cause for log lines with these texts.
 static constexpr std::array forbidden{"expired",          "is exiting",      "Fork failed",
                                       "execvp failed",    "is triggered",    "going to failover",
                                       "Watchdog device ", "tickling failed", "not able to stop",
@@ -45,7 +45,7 @@ struct StormSandbox : Sandbox {
     std::stop_source over;
     std::map<std::string, size_t> kills;
 
-    // Does that again and again, after pauses of up to so many milliseconds.
+    // Calls act() again and again, with pauses of up to `pause` milliseconds.
     void rage(unsigned seed, unsigned pause, void (StormSandbox::*act)(dice&))
     {
         try {
@@ -66,7 +66,7 @@ struct StormSandbox : Sandbox {
         std::condition_variable_any().wait_for(guard, over.get_token(), time, [] { return false; });
     }
 
-    // A process that detaches itself counts once it has; its first parent is on the way out then.
+    // A process that detaches itself counts once it has done so; until then its parent is not pid 1.
     std::set<pid_t> running(const std::string& name) const
     {
         std::set<pid_t> found;
@@ -78,7 +78,7 @@ struct StormSandbox : Sandbox {
         return found;
     }
 
-    // Returns when it is dead, and false when there was none.
+    // Returns true once the process is dead, or false when there was none to kill.
     bool kill_one(const std::string& name)
     {
         const auto own = running(name);
@@ -254,7 +254,7 @@ TEST_F(StormSandbox, CostsNothing)
     }
     vm->wait_in_order(quiet, std::vector(6, std::pair<int, std::string>(HOST_DEVICE, "keepalive")));
     check_log(4s);
-    // It ends at once, always.
+    // Its program always ends at once, so it must still be restarted.
     vm->wait_for(LOG_INFO, "Process 'brief' started; *", vm->count(HOST_ANY, "*"));
     EXPECT_EQ(count_descriptors(daemon), descriptors);
     EXPECT_TRUE(sanitized || count_memory() < memory + 3072) << memory << " kB, then " << count_memory();

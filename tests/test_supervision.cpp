@@ -63,8 +63,8 @@ TEST_F(SupervisionSandbox, NoExitIsLostAfterTwoOfStrangers)
     EXPECT_TRUE(entry->pid == 0 && entry->proc_state == TERMINATED);
 }
 
-// A child that inherits a lock held, the log's or the heap's, would hang before its exec and look alive. What
-// it cannot execute is logged under its pid, before its end.
+// A child forked while the log's or the heap's lock is held would hang before its exec and look alive. A
+// program that it cannot execute is logged under its pid, before its end.
 TEST_F(SupervisionSandbox, AChildNeverHangsBeforeItsExec)
 {
     halvo_child_proc_info_st* entry = add_process("w", "/nonexistent/program", NOP);
@@ -154,7 +154,7 @@ TEST_F(SupervisionSandbox, JunkFromPidofFindsNothing)
     EXPECT_EQ(read_file("/tmp/looks"), "\n\n\n");  // only a process missed three times is lost
 }
 
-// The whole line of events from the loss to what the operator configured, for the processes found by name,
+// The whole chain of events from the loss to what the operator configured, for the processes found by name,
 // at first while a script holds the signal thread up.
 TEST_F(SupervisionSandbox, DaemonsAreStartedFoundAndStartedAgain)
 {
@@ -174,7 +174,7 @@ TEST_F(SupervisionSandbox, DaemonsAreStartedFoundAndStartedAgain)
     size_t step = vm->wait_in_order(0, {{LOG_ALERT, "Process 'agent1' is not started\n"},
                                         {LOG_INFO, "Process 'agent1' started; *"},
                                         {LOG_CRIT, "No: of times spawned by process manager [1]\n"}});
-    write_file("/tmp/clock_set_back", "");  // which must not put off the watching
+    write_file("/tmp/clock_set_back", "");  // which must not delay the watching
     step = vm->wait_for(LOG_INFO, " No recovery action is executed for  process 'nobody1'\n", step).number;
     vm->wait_for(LOG_ERR, "[/nonexistent /tmp/agent1]: execvp failed\n", step);
     ASSERT_EQ(kill(find_process("sleep"), SIGKILL), 0);

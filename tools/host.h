@@ -23,8 +23,8 @@ constexpr std::chrono::seconds PATIENCE{
 constexpr int HOST_DEVICE = -1;  // the "priority" of a device event
 constexpr int HOST_ANY = -2;     // any priority, when looking for an event
 
-// A line of the log, or a device event: "open", "settimeout 8", "gettimeout 8", "keepalive" (each with "
-// failed" after it when refused), "magic", "write", "close", "disarmed", "expired".
+// A line of the log, or a device event: "open", "settimeout 8", "gettimeout 8", "keepalive" (each followed by
+// " failed" when refused), "magic", "write", "close", "disarmed", "expired".
 struct host_event {
     size_t number;  // from 1 on, in the order of arrival
     host_clock::time_point when;

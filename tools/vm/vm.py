@@ -101,7 +101,7 @@ class Vm:
         return result
 
     def wait_line(self, text, seconds):
-        """Waits for a line with the text, after those that were waited for before: when it came."""
+        """Waits for a line with the text, after the one that was last waited for. Returns the time when it came."""
         def found():
             while self.seen < len(self.lines):
                 when, line = self.lines[self.seen]
