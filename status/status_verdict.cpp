@@ -161,7 +161,7 @@ static void judge_children(status_look_st* look)
                                             [&](const status_process_st& process) {
                                                 return runs_command(child.command, process.start_command);
                                             });
-        if (knows_commands ? is_process : !is_pidof(child.command)) {
+        if (!is_pidof(child.command) && (is_process || !knows_commands)) {
             continue;
         }
         look->held_up.push_back(child);
